@@ -1,0 +1,74 @@
+// The words of orrin's command lines: what is read is printed again the same, and a wrong word is named.
+
+#include "grammar.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using namespace orrin;
+
+std::string reprinted(std::string_view line) {
+  Words words(line);
+  Route route;
+  std::string error;
+  EXPECT_TRUE(words.takeIf("route") && words.takeIf("add")) << line;
+  if (!parseRoute(words, route, error)) {
+    return error;
+  }
+  std::string out;
+  appendRoute(out, route);
+  return out;
+}
+
+TEST(OrrinGrammar, RouteLinesComeBackAsTheyWere) {
+  for (const char *line : {
+           "route add vrf 3 0.0.0.0/0 via 10.1.1.2 interface 11",
+           "route add vrf 0 255.255.255.255/32 reject",
+           "route add vrf 4294967295 10.0.0.0/8 local reject discard via-vrf-device rfc5549 mpls flag8000 metric 5 "
+           "proto 7 "
+           "via 10.1.1.9 interface 3 via 10.1.1.2 interface 4",
+           "route add vrf 3 10.2.0.0/16 kernel",
+           "route add vrf 3 10.2.0.0/16 install-kernel via 1.2.3.4 interface 0",
+       }) {
+    EXPECT_EQ(reprinted(line), line);
+  }
+  EXPECT_EQ(reprinted("route add\tvrf 3  10.0.0.0/8 # a comment"), "route add vrf 3 10.0.0.0/8");
+}
+
+TEST(OrrinGrammar, TheWrongWordIsNamed) {
+  const struct {
+    const char *line;
+    const char *error;
+  } cases[] = {
+      {"route add", "\"vrf\" missing"},
+      {"route add vrf", "vrf: number missing"},
+      {"route add vrf -1", "vrf: \"-1\" is no number"},
+      {"route add vrf 4294967296 10.0.0.0/8", "vrf: \"4294967296\" is no number"},
+      {"route add vrf 3", "prefix missing"},
+      {"route add vrf 3 10.0.0.0", "\"10.0.0.0\" is no prefix"},
+      {"route add vrf 3 10.0.0/8", "\"10.0.0/8\" is no prefix"},
+      {"route add vrf 3 10.0.0.256/8", "\"10.0.0.256/8\" is no prefix"},
+      {"route add vrf 3 10.0.0.0.0/8", "\"10.0.0.0.0/8\" is no prefix"},
+      {"route add vrf 3 10.0.0.0/33", "\"10.0.0.0/33\": prefix length above 32"},
+      {"route add vrf 3 10.0.0.1/31", "\"10.0.0.1/31\": address bits beyond the prefix length"},
+      {"route add vrf 3 10.0.0.0/8 meric 4", "\"meric\" is no word of a route"},
+      {"route add vrf 3 10.0.0.0/8 metric", "metric: number missing"},
+      {"route add vrf 3 10.0.0.0/8 via 10.1.1", "via: \"10.1.1\" is no address"},
+      {"route add vrf 3 10.0.0.0/8 via 10.1.1.1 intf 3", "\"interface\" expected, not \"intf\""},
+  };
+  for (const auto &each : cases) {
+    EXPECT_EQ(reprinted(each.line), each.error);
+  }
+}
+
+TEST(OrrinGrammar, ARouteHoldsAtMost48NextHops) {
+  std::string line = "route add vrf 3 10.0.0.0/8";
+  for (int hop = 0; hop < 48; ++hop) {
+    line += " via 10.1.1.1 interface 3";
+  }
+  EXPECT_EQ(reprinted(line), line);
+  EXPECT_EQ(reprinted(line + " via 10.1.1.1 interface 3"), "via: more than 48 next hops");
+}
+
+} // namespace

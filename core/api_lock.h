@@ -1,0 +1,13 @@
+// Holds the API semaphore while it lives. Every platform API call after start-up is made under one; the semaphore is
+// recursive, so an operation that holds it may call another that takes it too.
+#pragma once
+
+#include "mirel_context.h"
+
+class ApiLock {
+public:
+  ApiLock() { osapiSemaTake(mirelApiSema, QV_WAIT_FOREVER); }
+  ~ApiLock() { osapiSemaGive(mirelApiSema); }
+  ApiLock(const ApiLock &) = delete;
+  ApiLock &operator=(const ApiLock &) = delete;
+};

@@ -1,0 +1,26 @@
+// The operator's debug operations: they print to standard output or set what the running agent goes by. They run on the
+// debug shell's thread and bear being called before anything is set up.
+#pragma once
+
+#include <cstdint>
+
+void mirelDebugFlagsSet(uint32_t mask);
+uint32_t mirelDebugFlagsGet();
+void rtoDebugMaskSet(uint32_t mask);
+uint32_t rtoDebugMaskGet();
+void rtoDebugDisableAll();
+void rtoDebugEnableAll();
+
+// Seconds.
+void mirelBestRoutePollTimeSet(uint32_t seconds);
+void mirelBestRouteApplyTimeSet(uint32_t seconds);
+
+void mirelStatsShow();
+void mirelEventCountShow(uint32_t msgType);      // 0 = every type that has a fixed row
+void mirelIntfEventCountShow(uint32_t intIfNum); // 0 = every interface
+void mirelStatsClear();                          // all counters but the active routes
+void mirelBestRouteClientShow();
+void mirelRouterEventClientShow();
+
+// Registers every debug operation of the agent with the debug shell, under its name.
+void mirelShellOperationsRegister();

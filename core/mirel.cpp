@@ -1,0 +1,217 @@
+// Start-up: turns a fresh process into the mirror agent of one VRF, in a fixed order, and enters the main loop. Main
+// thread. Until the VRF's name is known, logs carry its number. Nothing is torn down: a failed step leaves what was created before it to the end of the process.
+
+#include "mirel.h"
+
+#include "mirel_best_route.h"
+#include "mirel_debug.h"
+#include "mirel_restart.h"
+#include "mirel_route_types.h"
+#include "mirel_router_table.h"
+#include "mirel_trace.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr char LOG_AREA[] = "application/routing/mirel/core/mirel";
+constexpr const char *OPERATION = "main"; // the name in every trace of start-up
+
+constexpr const char *AGENT_NAME = "mirel";
+constexpr uint32_t SERVICE_ARG1 = 1; // the platform's own meaning
+constexpr uint32_t SERVICE_ARG2 = 2001;
+constexpr uint32_t CONNECTIVITY_RETRY_MSEC = 1000;
+constexpr unsigned DATAGRAM_QUEUE_LENGTH = 1024;
+
+enum ExitStatus { EXIT_FATAL = 0, EXIT_USAGE = 1, EXIT_NO_PLATFORM = 2 };
+
+// A descriptor 0 to 2 that was closed would be given to the first socket, which traces and logs would then write to.
+void standardDescriptorsOpen() {
+  int fd;
+  do {
+    fd = open("/dev/null", O_RDWR | O_CLOEXEC);
+  } while (fd >= 0 && fd <= STDERR_FILENO);
+  if (fd > STDERR_FILENO) {
+    close(fd);
+  }
+}
+
+void contextClear() {
+  bestRouteChangePending = 0;
+  mirelVrfId = 0;
+  memset(mirelVrfName, 0, sizeof mirelVrfName);
+}
+
+void clientNameFormat() {
+  static char clientName[32];
+  snprintf(clientName, sizeof clientName, "%s:%u", AGENT_NAME, mirelVrfId);
+  clientNameDesc = {.size = static_cast<uint32_t>(strlen(clientName) + 1), .pstart = clientName};
+}
+
+void syncDatabaseRegister() {
+  if (syncdbClientRegister(AGENT_NAME, &syncdbClient) != 0) {
+    qvproc_logf(SEVERITY_ERROR, COMPONENT_MIREL, LOG_AREA, __LINE__, "VRF-ID %u: SyncDB Registration failed for Mirel",
+                mirelVrfId);
+    abort();
+  }
+}
+
+void apiSemaphoreCreate() {
+  mirelApiSema = osapiSemaMCreateTrack(LOG_AREA, __LINE__, 1);
+  if (mirelApiSema == nullptr) {
+    qvproc_logf(SEVERITY_ERROR, COMPONENT_MIREL, LOG_AREA, __LINE__, "Error initializing Mirel TarnApi semaphore.\n");
+    abort();
+  }
+}
+
+void platformClientRegister() {
+  const int32_t result = tarnapiServiceClientRegister(AGENT_NAME, SERVICE_ARG1, SERVICE_ARG2, &tarnapiClientHandle);
+  if (result != TARN_OK) {
+    qvproc_logf(SEVERITY_ERROR, COMPONENT_MIREL, LOG_AREA, __LINE__,
+                "VRF-ID %u: Failed to initialize RPC to Tarn. Exiting (result = %d)", mirelVrfId, result);
+    exit(EXIT_NO_PLATFORM);
+  }
+}
+
+void platformWait() {
+  while (rpcclt_tarnapiConnectivityCheck(tarnapiClientHandle) != 0) {
+    osapiSleepMSec(CONNECTIVITY_RETRY_MSEC);
+  }
+  MIREL_TRACE(TRACE_GENERAL, OPERATION, "Successfully connected to RPC Server\n");
+}
+
+void vrfNameRead() {
+  const tarn_buffdesc name{.size = sizeof mirelVrfName, .pstart = mirelVrfName};
+  const int32_t status = rpcclt_tarnapiVrfNameGet(tarnapiClientHandle, mirelVrfId, &name);
+  mirelVrfName[sizeof mirelVrfName - 1] = '\0'; // a name that fills the buffer comes without
+  if (status != TARN_OK) {
+    qvproc_logf(SEVERITY_ERROR, COMPONENT_MIREL, LOG_AREA, __LINE__, "VRF-ID %u: Failed to get the vrf-name.",
+                mirelVrfId);
+    return;
+  }
+  MIREL_TRACE(TRACE_GENERAL, OPERATION, "vrf-name:%s for vrf-id:%u\n", mirelVrfName, mirelVrfId);
+}
+
+void restartCheck() {
+  if (mirelRestartStatusGet() != 0) {
+    MIREL_LOG(SEVERITY_WARNING, "Mirel process restarted. VRF ID = %u, PID = %u", mirelVrfId, mirelPid);
+    mirelKernelRoutesFlush();
+    return;
+  }
+  if (mirelRestartStatusSet(mirelVrfId, &syncdbClient, 1) != 0) {
+    MIREL_TRACE(TRACE_GENERAL, OPERATION, "Failed to set the Restart Status flag in SyncDB for VRF Id - %u\n",
+                mirelVrfId);
+  }
+}
+
+// The default VRF's loopback belongs to the switch itself.
+void loopbackUp() {
+  if (mirelVrfId != 0) {
+    [[maybe_unused]] const int ignored = system("ifconfig lo up");
+  }
+}
+
+// A local datagram socket takes the queue length of the namespace at its creation, 11 datagrams by default whatever its
+// receive buffer. Without the right to raise it the agent runs with what there is.
+void datagramQueueRaise() {
+  constexpr const char *SETTING = "/proc/sys/net/unix/max_dgram_qlen";
+  FILE *setting = fopen(SETTING, "r+e");
+  if (setting == nullptr) {
+    return;
+  }
+  unsigned current = 0;
+  if (fscanf(setting, "%u", &current) == 1 && current < DATAGRAM_QUEUE_LENGTH) {
+    rewind(setting);
+    fprintf(setting, "%u\n", DATAGRAM_QUEUE_LENGTH);
+  }
+  fclose(setting);
+}
+
+void kernelUpdateSocketInit() {
+  if (procOsapiRouteNetlinkSocketInit(&routeNetlinkSock) != 0) {
+    MIREL_TRACE(TRACE_RTO_FAILURE, OPERATION,
+                "Failed to initialize the Mirel netlink socket for updates to Kernel (VRF namespce).\n");
+    MIREL_LOG(SEVERITY_ERROR, "Failed to initialize the Mirel netlink socket for updates to Kernel (VRF namespce).");
+    exit(EXIT_FATAL);
+  }
+  MIREL_TRACE(TRACE_RTO_SUCCESS, OPERATION,
+              "Successfully initialized the Mirel netlink socket for updates to Kernel (VRF namespce).\n");
+}
+
+void routeTypesRegister() {
+  if (vrfRouteTypesRegister() != 0) {
+    MIREL_TRACE(TRACE_RTO_FAILURE, OPERATION, "Failed to register Route Types with TARN RTO.\n");
+    MIREL_LOG(SEVERITY_ERROR, "Failed to register Route Types with TARN RTO.");
+    return;
+  }
+  MIREL_TRACE(TRACE_RTO_SUCCESS, OPERATION, "Route Types Registration with TARN RTO successfully done.\n");
+}
+
+bool routingStarted() {
+  uint32_t status = 0;
+  const int32_t result =
+      rpcclt_tarnapiRoutingStartupStatusVr(tarnapiClientHandle, TARN_FAMILY_IPV4, mirelVrfId, &status);
+  if (result != TARN_OK) {
+    MIREL_LOG(SEVERITY_INFO, "Mirel failed to retrieve TARN initialization status.mirel process exiting. Error %d.",
+              result);
+    exit(EXIT_FATAL);
+  }
+  return status != 0;
+}
+
+void bestRoutesStart() {
+  if (mirelBestRouteClientStart(mirelPid, &clientNameDesc, &brc_client_id, &brc_sock_fd) != 0) {
+    MIREL_LOG(SEVERITY_ERROR, "Mirel failed to register to best route service.");
+  }
+  if (!mirelBestRouteClientStarted(OPERATION)) {
+    exit(EXIT_FATAL);
+  }
+}
+
+} // namespace
+
+uint32_t mirelVrfIdFromArgument(const char *argument) {
+  const char *hyphen = strrchr(argument, '-');
+  return hyphen != nullptr ? static_cast<uint32_t>(strtol(hyphen + 1, nullptr, 10)) : 0;
+}
+
+int main(int argc, char **argv) {
+  standardDescriptorsOpen();
+  setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
+  if (argc < 2) {
+    fprintf(stderr,
+            "usage: mirel NAME-VRF\n  VRF  number of the VRF to mirror; a NAME without a hyphen serves VRF 0\n");
+    return EXIT_USAGE;
+  }
+
+  contextClear();
+  MIREL_TRACE(TRACE_GENERAL, OPERATION, "Spawned process Mirel\n");
+  mirelShellOperationsRegister();
+  qvproc_devshell_init();
+  mirelPid = static_cast<uint32_t>(getpid());
+  mirelVrfId = mirelVrfIdFromArgument(argv[1]);
+  clientNameFormat();
+  syncDatabaseRegister();
+  apiSemaphoreCreate();
+  platformClientRegister();
+  platformWait();
+  vrfNameRead();
+  restartCheck();
+  loopbackUp();
+  datagramQueueRaise();
+  kernelUpdateSocketInit();
+  mirelIntIfInfoAllocate();
+  routeTypesRegister();
+
+  brc_client_id = 0;
+  brc_sock_fd = -1;
+  statsHandle = MirelStats{};
+  if (routingStarted()) {
+    bestRoutesStart();
+  }
+  mirelMainLoop();
+}

@@ -1,0 +1,207 @@
+// orrinctl, the operator's hand on orrin: one command from its arguments, or many from standard input, sent as they are
+// over the control socket; `help` and `diff` are answered here. Exit status 0 when every command was accepted, else 1.
+#include "orrinctl_mirror.h"
+#include "orrinctl_session.h"
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <deque>
+#include <string>
+#include <string_view>
+#include <unistd.h>
+
+namespace {
+
+constexpr size_t UNSENT_LIMIT = 256 * 1024; // beyond it no more input is read
+constexpr size_t INPUT_STEP = 64 * 1024;
+
+constexpr const char *USAGE =
+    "usage: orrinctl <command>                               one command; `orrinctl help` lists them\n"
+    "       orrinctl -                                       commands from standard input\n"
+    "       orrinctl diff [vrf <id>] [routes] [summary]      compare the switch with the kernel\n";
+
+constexpr const char *GRAMMAR =
+    R"(Commands, one a line; # starts a comment:
+
+vrf add <id> <name> [interface <vrf-interface>] [netns <name-or-path>]
+vrf del <id>
+vrf set <id> routing on|off
+system ready|not-ready
+interface add <n> vrf <id> name <switch-name> device <kernel-device> [type <t>] [index <kernel-index>]
+interface del <n>
+route add|modify vrf <id> <a.b.c.d>/<len> [options] {via <a.b.c.d> interface <n>}...
+    options: local|kernel|install-kernel  reject  discard  metric <m>  proto <p>
+             via-vrf-device  rfc5549  mpls  flag8000; up to 48 next hops
+route del vrf <id> <a.b.c.d>/<len>
+routes add|modify|del vrf <id> <first-prefix>/<len> count <n> [options] {via <a.b.c.d> interface <n>}...
+keepalive period <seconds>
+keepalive hold|release [vrf <id>]
+fault set <call> [result <code>] [delay <ms>] [drop] [once|times <n>|always]
+fault clear [<call>]
+client drop <client-id>
+show vrfs|interfaces|routes|clients|faults|status [vrf <id>] [json]
+dump [vrf <id>]
+)";
+
+void writeText(FILE *out, const std::string &text) {
+  std::fwrite(text.data(), 1, text.size(), out);
+  if (!text.empty() && text.back() != '\n') {
+    std::fputc('\n', out);
+  }
+}
+
+int finish(bool good) {
+  if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
+    std::fputs("orrinctl: cannot write the output\n", stderr);
+    return 1;
+  }
+  return good ? 0 : 1;
+}
+
+int runOne(const std::string &command) {
+  ControlSession session;
+  if (command.find('\n') != std::string::npos) {
+    std::fputs("orrinctl: a command is one line\n", stderr);
+    return 1;
+  }
+  if (session.connect()) {
+    session.queue(command);
+    if (session.wait(-1) == ControlSession::Event::Answer) {
+      const ControlAnswer answer = session.takeAnswer();
+      if (answer.accepted) {
+        writeText(stdout, answer.text);
+        return finish(true);
+      }
+      writeText(stderr, "orrinctl: " + answer.text);
+      return 1;
+    }
+  }
+  std::fprintf(stderr, "orrinctl: %s\n", session.error().c_str());
+  return 1;
+}
+
+bool isCommand(std::string_view line) {
+  const size_t start = line.find_first_not_of(" \t\r");
+  return start != std::string_view::npos && line[start] != '#';
+}
+
+// Commands from standard input, sent ahead of their answers; a refused one is named by its line and does not end the rest.
+class Script {
+public:
+  int run() {
+    if (!session_.connect()) {
+      return fail(session_.error());
+    }
+    while (!inputEnded_ || session_.unanswered() > 0) {
+      const bool wantInput = !inputEnded_ && session_.unsent() < UNSENT_LIMIT;
+      switch (session_.wait(wantInput ? STDIN_FILENO : -1)) {
+      case ControlSession::Event::Lost:
+        return fail(session_.error());
+      case ControlSession::Event::Answer:
+        report(session_.takeAnswer());
+        break;
+      case ControlSession::Event::Input:
+        if (!readInput()) {
+          return 1;
+        }
+        break;
+      }
+    }
+    return finish(good_);
+  }
+
+private:
+  static int fail(const std::string &why) {
+    std::fflush(stdout);
+    std::fprintf(stderr, "orrinctl: %s\n", why.c_str());
+    return 1;
+  }
+
+  bool readInput() {
+    static std::array<char, INPUT_STEP> step;
+    const ssize_t n = read(STDIN_FILENO, step.data(), step.size());
+    if (n < 0) {
+      const int err = errno;
+      if (err == EINTR || err == EAGAIN) {
+        return true;
+      }
+      fail(std::string("cannot read the commands: ") + std::strerror(err));
+      return false;
+    }
+    if (n == 0) {
+      inputEnded_ = true;
+      queueLine(partial_);
+      return true;
+    }
+    partial_.append(step.data(), static_cast<size_t>(n));
+    size_t start = 0;
+    for (size_t end; (end = partial_.find('\n', start)) != std::string::npos; start = end + 1) {
+      queueLine(std::string_view(partial_).substr(start, end - start));
+    }
+    partial_.erase(0, start);
+    return true;
+  }
+
+  void queueLine(std::string_view line) {
+    ++lineNumber_;
+    if (isCommand(line)) {
+      session_.queue(line);
+      asked_.push_back(lineNumber_);
+    }
+  }
+
+  void report(const ControlAnswer &answer) {
+    const size_t line = asked_.front();
+    asked_.pop_front();
+    if (answer.accepted) {
+      writeText(stdout, answer.text);
+    } else {
+      good_ = false;
+      writeText(stderr, "orrinctl: line " + std::to_string(line) + ": " + answer.text);
+    }
+    if (session_.unanswered() == 0) {
+      std::fflush(stdout); // an operator may be typing
+    }
+  }
+
+  ControlSession session_;
+  std::string partial_;
+  std::deque<size_t> asked_;
+  size_t lineNumber_ = 0;
+  bool inputEnded_ = false;
+  bool good_ = true;
+};
+
+std::string joined(int argc, char **argv) {
+  std::string command;
+  for (int i = 0; i < argc; ++i) {
+    command += i > 0 ? " " : "";
+    command += argv[i];
+  }
+  return command;
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+  const std::string_view first = argc > 1 ? argv[1] : "";
+  if (argc < 2 && isatty(STDIN_FILENO) != 0) {
+    std::fputs(USAGE, stderr);
+    return 1;
+  }
+  if (argc < 2 || (first == "-" && argc == 2)) {
+    return Script().run();
+  }
+  if (first == "help" || first == "--help" || first == "-h") {
+    std::fputs(USAGE, stdout);
+    std::fputs("\n", stdout);
+    std::fputs(GRAMMAR, stdout);
+    return finish(true);
+  }
+  if (first == "diff") {
+    return runDiff(argc - 2, argv + 2);
+  }
+  return runOne(joined(argc - 1, argv + 1));
+}

@@ -1,0 +1,128 @@
+#!/usr/bin/python3
+"""Builds every configuration and runs every test, then counts the tests of all runners on one last line.
+
+A test that was skipped, disabled or could not be started counts as failed, and so does a build that breaks and a
+stage that ran no test at all: silence must never look like success.
+"""
+
+import argparse
+import pathlib
+import subprocess
+import sys
+import time
+import xml.etree.ElementTree as ElementTree
+from dataclasses import dataclass
+
+ROOT = pathlib.Path(__file__).resolve().parent.parent
+LOGS = ROOT / "build" / "check"
+STEP_TIMEOUT = 900
+TEST_TIMEOUT = 120
+
+
+@dataclass
+class Tally:
+    passed: int = 0
+    failed: int = 0
+
+    def __str__(self):
+        return f"{self.passed} passed, {self.failed} failed"
+
+
+def run(name, command):
+    """Runs one step with its output in a log file, shown only when the step fails."""
+    log = LOGS / f"{name}.log"
+    started = time.monotonic()
+    with log.open("wb") as out:
+        try:
+            status = subprocess.run(command, cwd=ROOT, stdin=subprocess.DEVNULL, stdout=out, stderr=out,
+                                    timeout=STEP_TIMEOUT).returncode
+        except subprocess.TimeoutExpired:
+            status = 124
+            out.write(f"\nended: longer than {STEP_TIMEOUT} s\n".encode())
+    print(f"  {name:<20} {'ok' if status == 0 else 'FAILED'}  {time.monotonic() - started:.0f} s", flush=True)
+    if status != 0:
+        sys.stdout.write(log.read_text(errors="replace"))
+        sys.stdout.flush()
+    return status == 0
+
+
+def count(report):
+    tally = Tally()
+    if not report.exists():
+        return tally
+    for case in ElementTree.parse(report).iter("testcase"):
+        marks = {child.tag for child in case}
+        good = case.get("status", "run") == "run" and not marks & {"failure", "error", "skipped"}
+        if good:
+            tally.passed += 1
+        else:
+            tally.failed += 1
+    return tally
+
+
+def run_tests(name, command, report):
+    report.unlink(missing_ok=True)
+    good = run(name, command)
+    tally = count(report)
+    if tally.failed == 0 and (not good or tally.passed == 0):
+        print(f"  {name}: no test ran" if good else f"  {name}: the runner itself failed")
+        tally.failed = 1
+    return tally
+
+
+def unrandomised():
+    """The thread sanitizer of older compilers does not bear the address randomisation of newer kernels."""
+    prefix = ["setarch", "-R"]
+    works = subprocess.run(prefix + ["true"], capture_output=True).returncode == 0
+    return prefix if works else []
+
+
+def build(preset, prefix=()):
+    return run(f"{preset}-configure", [*prefix, "cmake", "--preset", preset]) and \
+        run(f"{preset}-build", [*prefix, "cmake", "--build", "--preset", preset])
+
+
+def ctest(preset):
+    prefix = unrandomised() if preset == "tsan" else []
+    if not build(preset, prefix):
+        return Tally(failed=1)
+    report = LOGS / f"{preset}-tests.xml"
+    return run_tests(f"{preset}-tests",
+                     [*prefix, "ctest", "--test-dir", f"build/{preset}", "--output-on-failure",
+                      "--timeout", str(TEST_TIMEOUT), "--output-junit", str(report)], report)
+
+
+def system_tests():
+    report = LOGS / "system-tests.xml"
+    return run_tests("system-tests", ["/usr/bin/python3", "-m", "pytest", "-q", "-p", "no:cacheprovider",
+                                      f"--junit-xml={report}", "tests/system"], report)
+
+
+def main():
+    parser = argparse.ArgumentParser(description="build and test everything")
+    parser.add_argument("--all", action="store_true", help="also build and test with clang")
+    options = parser.parse_args()
+
+    LOGS.mkdir(parents=True, exist_ok=True)
+    stages = [("release", lambda: ctest("release")), ("system", system_tests),
+              ("asan-ubsan", lambda: ctest("asan-ubsan")), ("tsan", lambda: ctest("tsan"))]
+    if options.all:
+        stages.append(("clang", lambda: ctest("clang")))
+
+    total = Tally()
+    results = []
+    for name, stage in stages:
+        print(f"{name}:", flush=True)
+        started = time.monotonic()
+        tally = stage()
+        results.append(f"{name:<12} {tally}  ({time.monotonic() - started:.0f} s)")
+        total.passed += tally.passed
+        total.failed += tally.failed
+
+    print("\n" + "\n".join(results) + "\n")
+    print(total)
+    return 0 if total.failed == 0 and total.passed > 0 else 1
+
+
+if __name__ == "__main__":
+    sys.exit(main())

@@ -107,7 +107,9 @@ extern "C" int select(int count, fd_set *readable, fd_set *writable, fd_set *fai
     selectRecord(count, readable, wait);
   }
   if (const auto answer = scripted::queuedAnswer("select")) {
-    errno = answer->outputs.empty() ? 0 : atoi(answer->outputs[0].c_str());
+    const int error = answer->outputs.empty() ? 0 : atoi(answer->outputs[0].c_str());
+    scripted::traceTo("select fails with " + std::to_string(error));
+    errno = error;
     return answer->result;
   }
   timespec limit{};

@@ -31,7 +31,7 @@ SCRIPTED(osapiIpv4IcmpIgnoreEchoRequestSet, (uint32_t ignore), "0", ignore)
 SCRIPTED(osapiIpv4IcmpEchoIgnoreBcastSet, (uint32_t ignore), "0", ignore)
 SCRIPTED(osapiSleepMSec, (uint32_t milliseconds), "0", milliseconds)
 
-SCRIPTED(procOsapiRouteNetlinkSocketInit, (RouteNetlinkSock * sock), "0 100", sock)
+SCRIPTED(procOsapiRouteNetlinkSocketInit, (RouteNetlinkSock * sock), "0 100", Out{sock})
 SCRIPTED(procOsapiNetlinkIPv4Add,
          (const char *label, uint32_t addr, uint32_t mask, uint32_t broadcast, RouteNetlinkSock *sock), "0", label,
          Ip{addr}, Ip{mask}, Ip{broadcast}, sock)
@@ -48,7 +48,7 @@ SCRIPTED(procOsapiDeleteMRoute,
 
 // ---- sync database and process
 
-SCRIPTED(syncdbClientRegister, (const char *name, SyncdbClient *client), "0 -1", name, client)
+SCRIPTED(syncdbClientRegister, (const char *name, SyncdbClient *client), "0 -1", name, Out{client})
 SCRIPTED(qvproc_devshell_init, (void), "0")
 SCRIPTED(qvproc_memtrack_init, (void), "0")
 SCRIPTED(qvproc_watchdog_start, (uint32_t seconds, const char *name), "0", seconds, name)

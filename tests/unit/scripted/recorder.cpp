@@ -34,6 +34,7 @@ struct State {
   std::map<std::string, Hook> hooks;
   std::map<std::string, Command> commands;
   std::deque<std::string> operations;
+  std::function<void(const std::string &line)> observer;
   int scriptFd = -1;
   int traceFd = -1;
   std::string partOfLine;
@@ -154,6 +155,7 @@ void reset() {
   at.hooks.clear();
   at.commands.clear();
   at.operations.clear();
+  at.observer = nullptr;
   clockSet(0);
 }
 
@@ -201,9 +203,20 @@ std::shared_ptr<void> hookOf(const std::string &function, const std::type_info &
   return found->second.callable;
 }
 
-void traceTo(std::string line) {
+void observe(std::function<void(const std::string &line)> observer) {
   State &at = state();
   const std::lock_guard held(at.lock);
+  at.observer = std::move(observer);
+}
+
+void traceTo(std::string line) {
+  State &at = state();
+  std::unique_lock held(at.lock);
+  if (const auto observer = at.observer) {
+    held.unlock();
+    observer(line);
+    held.lock();
+  }
   if (at.traceFd < 0) {
     at.calls.push_back(std::move(line));
     return;
@@ -374,6 +387,14 @@ std::string textOf(Mac mac) {
   return hexText(mac.value, 6);
 }
 
+std::string textOf(Out<RouteNetlinkSock> out) {
+  return out.value->name;
+}
+
+std::string textOf(InOut inOut) {
+  return std::to_string(*inOut.value);
+}
+
 std::string textOf(Byte byte) {
   return std::to_string(*static_cast<const uint8_t *>(byte.value));
 }
@@ -381,6 +402,10 @@ std::string textOf(Byte byte) {
 // ---- outputs from text
 
 void fill(Out<uint32_t> out, Outputs &outputs) {
+  fillNumber(out.value, outputs);
+}
+
+void fill(InOut out, Outputs &outputs) {
   fillNumber(out.value, outputs);
 }
 
@@ -407,18 +432,18 @@ void fill(InetPrefix *out, Outputs &outputs) {
 }
 
 // The output is a descriptor's number, or the path of a FIFO to hand out for reading.
-void fill(SyncdbClient *out, Outputs &outputs) {
+void fill(Out<SyncdbClient> out, Outputs &outputs) {
   const std::string *text = outputs.next();
   if (text != nullptr && (*text)[0] == '/') {
-    out->syncdbNotifyFd = open(text->c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
+    out.value->syncdbNotifyFd = open(text->c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
   } else if (text != nullptr) {
-    out->syncdbNotifyFd = atoi(text->c_str());
+    out.value->syncdbNotifyFd = atoi(text->c_str());
   }
 }
 
-void fill(RouteNetlinkSock *out, Outputs &outputs) {
+void fill(Out<RouteNetlinkSock> out, Outputs &outputs) {
   if (const std::string *text = outputs.next()) {
-    out->fd = atoi(text->c_str());
+    out.value->fd = atoi(text->c_str());
   }
 }
 

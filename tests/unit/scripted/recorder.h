@@ -57,6 +57,7 @@ struct Byte {
 };
 template <class T> struct Out { T *value; };
 template <class T> Out(T *) -> Out<T>;
+struct InOut : Out<uint32_t> {};
 
 std::string textOf(uint32_t value);
 std::string textOf(int32_t value);
@@ -76,6 +77,8 @@ std::string textOf(OutBytes value);
 std::string textOf(NextHops value);
 std::string textOf(Mac value);
 std::string textOf(Byte value);
+std::string textOf(Out<RouteNetlinkSock> value);
+std::string textOf(InOut value);
 template <class T> std::string textOf(Out<T>) {
   return "";
 }
@@ -94,11 +97,12 @@ private:
 template <class T> void fill(const T &, Outputs &) {}
 void fill(Out<uint32_t> out, Outputs &outputs);
 void fill(Out<uint8_t> out, Outputs &outputs);
+void fill(InOut out, Outputs &outputs);
 void fill(Out<InetAddr> out, Outputs &outputs);
 void fill(Out<tarnapiClient *> out, Outputs &outputs);
 void fill(InetPrefix *out, Outputs &outputs);
-void fill(SyncdbClient *out, Outputs &outputs);
-void fill(RouteNetlinkSock *out, Outputs &outputs);
+void fill(Out<SyncdbClient> out, Outputs &outputs);
+void fill(Out<RouteNetlinkSock> out, Outputs &outputs);
 void fill(OutText out, Outputs &outputs);
 void fill(OutBytes out, Outputs &outputs);
 
@@ -124,6 +128,9 @@ inline const tarn_buffdesc *raw(NextHops arg) {
   return arg.value;
 }
 inline const uint8_t *raw(Mac arg) {
+  return arg.value;
+}
+inline uint32_t *raw(InOut arg) {
   return arg.value;
 }
 inline const void *raw(Byte arg) {
@@ -163,7 +170,7 @@ int32_t call(const char *function, const char *otherwise, Arguments... arguments
 // One row a function: its arguments as they stand in the record, and its answer when nothing else is scripted.
 #define SCRIPTED(function, parameters, otherwise, ...)                                                                 \
   extern "C" int32_t function parameters {                                                                             \
-    return scripted::call<decltype(function)>(#function, otherwise __VA_OPT__(, ) __VA_ARGS__);                                    \
+    return scripted::call<decltype(function)>(#function, otherwise __VA_OPT__(, ) __VA_ARGS__);                        \
   }
 
 #endif

@@ -35,6 +35,9 @@ std::vector<std::string> takeCalls();
 void clockSet(uint64_t seconds);      // stops the monotonic clock there
 int32_t run(const std::string &line); // runs a registered debug operation; -1 = no such operation
 
+// Called with the line of every call, on the thread that makes it, before it is answered.
+void observe(std::function<void(const std::string &line)> observer);
+
 void hookSet(const std::string &function, const std::type_info &signature, std::shared_ptr<void> hook);
 
 // The hook answers the calls of a function, with its very arguments, in place of the script.

@@ -93,7 +93,7 @@ SCRIPTED(rpcclt_tarnapiIntfBestRoutesNextGet,
 SCRIPTED(rpcclt_tarnapiRoutingProtocolRegister,
          (tarnapiClient * client, uint32_t vrfId, uint32_t family, const tarn_buffdesc *name, const tarn_buffdesc *code,
           uint32_t *protoId),
-         "0", client, vrfId, family, name, code, Out{protoId})
+         "0", client, vrfId, family, name, code, InOut{protoId})
 SCRIPTED(rpcclt_tarnapiRouteTypeRegister,
          (tarnapiClient * client, uint32_t family, uint32_t protoId, const tarn_buffdesc *name,
           const tarn_buffdesc *code, uint32_t *routeType),

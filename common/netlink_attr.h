@@ -65,6 +65,7 @@ struct NetlinkMessage {
   size_t length; // header and payload
   uint16_t type;
   uint16_t flags;
+  uint32_t seq;
   NetlinkBytes payload;
 
   static bool parse(NetlinkBytes bytes, NetlinkMessage &message) {
@@ -76,7 +77,7 @@ struct NetlinkMessage {
     if (header.nlmsg_len < sizeof header || header.nlmsg_len > bytes.size()) {
       return false;
     }
-    message = {header.nlmsg_len, header.nlmsg_type, header.nlmsg_flags,
+    message = {header.nlmsg_len, header.nlmsg_type, header.nlmsg_flags, header.nlmsg_seq,
                bytes.subspan(sizeof header, header.nlmsg_len - sizeof header)};
     return true;
   }

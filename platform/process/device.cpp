@@ -1,0 +1,101 @@
+// Kernel devices: index, hardware address, flags, MTU, ARP. Each call opens the socket it asks on, in the namespace that the
+// process is in at that moment. Any thread; no state.
+
+#include "osapi.h"
+#include "setting.h"
+#include "unique_fd.h"
+
+#include <cerrno>
+#include <cstring>
+#include <net/if.h>
+#include <string>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+
+namespace {
+
+constexpr size_t MAC_BYTES = 6;
+constexpr uint32_t APP_SOLICIT = 1; // questions to user space before the kernel broadcasts its own
+
+// One device, and the requests about it.
+class Device {
+public:
+  explicit Device(const char *name) : socket_(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+    named_ = strnlen(name, sizeof request.ifr_name) < sizeof request.ifr_name;
+    if (named_) {
+      memcpy(request.ifr_name, name, strlen(name));
+    }
+  }
+
+  // 0, or 1 with errno.
+  int32_t ask(unsigned long what) {
+    if (!named_) {
+      errno = ENODEV; // a longer name is no device's, and cut it would be another's
+      return 1;
+    }
+    return ioctl(socket_.get(), what, &request) == 0 ? 0 : 1;
+  }
+
+  ifreq request{};
+
+private:
+  UniqueFd socket_;
+  bool named_;
+};
+
+int32_t failed(int error) {
+  errno = error;
+  return 1;
+}
+
+} // namespace
+
+extern "C" int32_t osapiStackIfIndexGet(const char *name, uint32_t *ifIndex) {
+  Device device(name);
+  if (device.ask(SIOCGIFINDEX) != 0) {
+    return 1;
+  }
+  *ifIndex = static_cast<uint32_t>(device.request.ifr_ifindex);
+  return 0;
+}
+
+// The address is set with the family of the device's own. One that is there already is left alone: some drivers refuse the
+// request while the device is up.
+extern "C" int32_t osapiIfMacSet(const char *name, const uint8_t *mac) {
+  Device device(name);
+  if (device.ask(SIOCGIFHWADDR) != 0) {
+    return 1;
+  }
+  if (memcmp(device.request.ifr_hwaddr.sa_data, mac, MAC_BYTES) == 0) {
+    return 0;
+  }
+  memcpy(device.request.ifr_hwaddr.sa_data, mac, MAC_BYTES);
+  return device.ask(SIOCSIFHWADDR);
+}
+
+extern "C" int32_t osapiIfFlagChange(const char *name, uint32_t flag, uint32_t set) {
+  Device device(name);
+  if (flag == 0 || flag > UINT16_MAX || set > 1) {
+    return failed(EINVAL);
+  }
+  if (device.ask(SIOCGIFFLAGS) != 0) {
+    return 1;
+  }
+  const auto before = static_cast<uint16_t>(device.request.ifr_flags);
+  const auto after = static_cast<uint16_t>(set == 1 ? before | flag : before & ~flag);
+  device.request.ifr_flags = static_cast<short>(after);
+  return after == before ? 0 : device.ask(SIOCSIFFLAGS);
+}
+
+extern "C" int32_t osapiIfArpSet(const char *name) {
+  if (osapiIfFlagChange(name, IFF_NOARP, 0) != 0) {
+    return 1;
+  }
+  return settingWrite("/proc/sys/net/ipv4/neigh/" + std::string(name) + "/app_solicit", APP_SOLICIT) == 0 ? 0 : 1;
+}
+
+extern "C" int32_t osapiIfIpv4MtuSet(const char *name, uint32_t mtu) {
+  Device device(name);
+  device.request.ifr_mtu = static_cast<int>(mtu);
+  return device.ask(SIOCSIFMTU);
+}

@@ -1,0 +1,202 @@
+// Kernel routes of the agent: main table, protocol 25, metric 0, at most one a prefix. Any thread; the sockets' lock is held
+// over each call. This is the hot road of a route change: two system calls without a device, three with one.
+
+#include "route_netlink.h"
+
+#include <arpa/inet.h>
+#include <bit>
+#include <cerrno>
+#include <cstdio>
+#include <net/if.h>
+#include <sys/ioctl.h>
+
+std::mutex routeNetlinkLock;
+
+namespace {
+
+enum InstallResult : int32_t { INSTALL_OK = 0, INSTALL_FAILED = 1, INSTALL_NOT_CARRIED = 8 };
+enum RemoveResult : int32_t { REMOVE_OK = 0, REMOVE_FAILED = 1, REMOVE_NO_SUCH_ROUTE = 2 };
+
+constexpr uint32_t ROUTE_FLAG_REJECT = 0x10;
+
+struct Route {
+  uint32_t dest;
+  uint8_t prefixLength;
+  uint32_t gateway; // 0 = none
+  uint32_t ifIndex; // 0 = none
+  bool reject;
+};
+
+// Finds the index of a device at the price of one system call: an index once found is only asked whether it still has the
+// name, which a device that was renamed, removed or made anew fails. (Asking by name with SIOCGIFINDEX costs the same, but
+// makes the kernel run modprobe for each name that is not there.)
+class DeviceIndexes {
+public:
+  NetlinkResult find(RouteNetlinkSock *sock, const char *name, uint32_t &ifIndex) {
+    uint32_t &known = known_[slotOf(name)];
+    if (known != 0 && isNamed(sock->fd, known, name)) {
+      ifIndex = known;
+      return {.carried = true, .error = 0};
+    }
+    const NetlinkResult result = netlinkDeviceIndex(sock->fd, sock->seq, name, ifIndex);
+    known = result.done() ? ifIndex : 0;
+    return result;
+  }
+
+private:
+  static constexpr size_t SLOTS = 256;
+
+  static size_t slotOf(const char *name) {
+    uint32_t hash = 0;
+    for (; *name != '\0'; ++name) {
+      hash = hash * 31 + static_cast<unsigned char>(*name);
+    }
+    return hash % SLOTS;
+  }
+
+  static bool isNamed(int fd, uint32_t index, const char *name) {
+    ifreq request{};
+    request.ifr_ifindex = static_cast<int>(index);
+    return ioctl(fd, SIOCGIFNAME, &request) == 0 && strcmp(request.ifr_name, name) == 0;
+  }
+
+  std::array<uint32_t, SLOTS> known_{};
+};
+
+DeviceIndexes deviceIndexes; // under routeNetlinkLock
+
+int32_t refuse(int error, int32_t result) {
+  errno = error;
+  return result;
+}
+
+bool tooLong(const char *device) {
+  return strnlen(device, DEVICE_NAME_MAX + 1) > DEVICE_NAME_MAX;
+}
+
+rtmsg routeHeader(const Route &route) {
+  rtmsg header{};
+  header.rtm_family = AF_INET;
+  header.rtm_dst_len = route.prefixLength;
+  header.rtm_table = RT_TABLE_MAIN;
+  header.rtm_protocol = AGENT_ROUTE_PROTOCOL;
+  return header;
+}
+
+void addAttributes(NetlinkRequest &request, const Route &route) {
+  if (route.prefixLength > 0) {
+    request.attr32(RTA_DST, htonl(route.dest));
+  }
+  if (route.gateway != 0) {
+    request.attr32(RTA_GATEWAY, htonl(route.gateway));
+  }
+  if (route.ifIndex != 0) {
+    request.attr32(RTA_OIF, route.ifIndex);
+  }
+}
+
+enum class OnLink : bool { no, yes };
+
+NetlinkResult create(RouteNetlinkSock *sock, const Route &route, uint16_t createFlags, OnLink onLink) {
+  rtmsg header = routeHeader(route);
+  header.rtm_type = route.reject ? RTN_UNREACHABLE : RTN_UNICAST;
+  header.rtm_scope = route.reject || route.gateway != 0 ? RT_SCOPE_UNIVERSE : RT_SCOPE_LINK;
+  header.rtm_flags = onLink == OnLink::yes ? RTNH_F_ONLINK : 0;
+  NetlinkRequest request(RTM_NEWROUTE, createFlags, header);
+  addAttributes(request, route);
+  return netlinkAsk(sock->fd, sock->seq, request);
+}
+
+// Type 0 and scope "nowhere" match every type and scope; the protocol keeps other programs' routes out.
+NetlinkResult remove(RouteNetlinkSock *sock, const Route &route) {
+  rtmsg header = routeHeader(route);
+  header.rtm_type = RTN_UNSPEC;
+  header.rtm_scope = RT_SCOPE_NOWHERE;
+  NetlinkRequest request(RTM_DELROUTE, 0, header);
+  addAttributes(request, route);
+  return netlinkAsk(sock->fd, sock->seq, request);
+}
+
+// Puts the route in the place of our own route of the prefix. Never with NLM_F_REPLACE, which takes the place of the first
+// route of the prefix, whoever made it; creating without NLM_F_EXCL goes in front of another program's route.
+NetlinkResult install(RouteNetlinkSock *sock, const Route &route, OnLink onLink) {
+  const NetlinkResult first = create(sock, route, NLM_F_CREATE | NLM_F_EXCL, onLink);
+  if (!first.carried || first.error != EEXIST) {
+    return first;
+  }
+  const Route samePrefix = {route.dest, route.prefixLength, 0, 0, false};
+  const NetlinkResult removed = remove(sock, samePrefix);
+  if (!removed.carried || (removed.error != 0 && removed.error != ESRCH)) {
+    return removed;
+  }
+  return create(sock, route, NLM_F_CREATE, onLink);
+}
+
+int32_t installResult(const NetlinkResult &result) {
+  if (!result.carried) {
+    return refuse(result.error, INSTALL_NOT_CARRIED);
+  }
+  return result.error == 0 ? INSTALL_OK : refuse(result.error, INSTALL_FAILED);
+}
+
+int32_t removeResult(const NetlinkResult &result) {
+  if (result.done()) {
+    return REMOVE_OK;
+  }
+  return refuse(result.error, result.carried && result.error == ESRCH ? REMOVE_NO_SUCH_ROUTE : REMOVE_FAILED);
+}
+
+} // namespace
+
+int routePrefixLength(uint32_t mask) {
+  const int length = std::countl_one(mask);
+  return length + std::countr_zero(mask) >= 32 ? length : -1;
+}
+
+extern "C" int32_t procOsapiAddMRoute(uint32_t dest, uint32_t mask, uint32_t gateway, uint32_t, uint32_t flags,
+                                      const char *device, RouteNetlinkSock *sock) {
+  const int prefixLength = routePrefixLength(mask);
+  const bool reject = (flags & ROUTE_FLAG_REJECT) != 0;
+  const bool throughDevice = !reject && device[0] != '\0';
+  if (prefixLength < 0 || tooLong(device) || (!reject && gateway == 0 && !throughDevice)) {
+    return refuse(EINVAL, INSTALL_FAILED);
+  }
+  Route route = {dest, static_cast<uint8_t>(prefixLength), reject ? 0 : gateway, 0, reject};
+
+  const std::lock_guard lock(routeNetlinkLock);
+  if (throughDevice) {
+    const NetlinkResult found = deviceIndexes.find(sock, device, route.ifIndex);
+    if (!found.done()) {
+      return installResult(found);
+    }
+  }
+  if (route.gateway == 0 || !throughDevice) {
+    return installResult(install(sock, route, OnLink::no));
+  }
+  // On-link spares the kernel the question whether the gateway is reachable through the device, which a gateway outside the
+  // device's own subnets would fail. Some gateways cannot be on-link: those get the question.
+  const NetlinkResult result = install(sock, route, OnLink::yes);
+  const bool again = result.carried && result.error == EINVAL;
+  return installResult(again ? install(sock, route, OnLink::no) : result);
+}
+
+extern "C" int32_t procOsapiDeleteMRoute(uint32_t dest, uint32_t mask, uint32_t gateway, uint32_t, const char *device,
+                                         RouteNetlinkSock *sock) {
+  const int prefixLength = routePrefixLength(mask);
+  if (prefixLength < 0 || tooLong(device)) {
+    return refuse(EINVAL, REMOVE_FAILED);
+  }
+  Route route = {dest, static_cast<uint8_t>(prefixLength), gateway, 0, false};
+
+  const std::lock_guard lock(routeNetlinkLock);
+  if (device[0] != '\0') {
+    const NetlinkResult found = deviceIndexes.find(sock, device, route.ifIndex);
+    if (found.carried && found.error == ENODEV) {
+      return refuse(ESRCH, REMOVE_NO_SUCH_ROUTE); // the kernel drops the routes of a device together with it
+    }
+    if (!found.done()) {
+      return removeResult(found);
+    }
+  }
+  return removeResult(remove(sock, route));
+}

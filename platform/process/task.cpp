@@ -1,0 +1,59 @@
+// Tasks and time.
+
+#include "osapi.h"
+
+#include <cerrno>
+#include <ctime>
+#include <pthread.h>
+
+namespace {
+
+constexpr uint32_t TASK_NAME_SIZE = 16; // of the kernel, NUL included
+constexpr uint32_t MSEC_PER_SEC = 1000;
+constexpr long NSEC_PER_MSEC = 1000000;
+constexpr long NSEC_PER_SEC = 1000000000;
+
+timespec sinceBoot() {
+  timespec now{};
+  clock_gettime(CLOCK_BOOTTIME, &now);
+  return now;
+}
+
+} // namespace
+
+extern "C" uint64_t osapiTaskCreate(const char *name, void *(*entry)(void *arg), uint32_t, void *arg, uint32_t,
+                                    uint32_t, uint32_t) {
+  pthread_t thread;
+  const int error = pthread_create(&thread, nullptr, entry, arg);
+  if (error != 0) {
+    errno = error;
+    return 0;
+  }
+  char shortName[TASK_NAME_SIZE];
+  pthread_setname_np(thread, osapiStrncpySafe(shortName, name, sizeof shortName));
+  return thread;
+}
+
+extern "C" int32_t osapiSleepMSec(uint32_t milliseconds) {
+  timespec until{};
+  clock_gettime(CLOCK_MONOTONIC, &until);
+  until.tv_sec += milliseconds / MSEC_PER_SEC;
+  until.tv_nsec += static_cast<long>(milliseconds % MSEC_PER_SEC) * NSEC_PER_MSEC;
+  if (until.tv_nsec >= NSEC_PER_SEC) {
+    until.tv_nsec -= NSEC_PER_SEC;
+    ++until.tv_sec;
+  }
+  while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &until, nullptr) == EINTR) {
+  }
+  return 0;
+}
+
+extern "C" uint32_t osapiUpTimeRaw() {
+  return static_cast<uint32_t>(sinceBoot().tv_sec);
+}
+
+extern "C" uint32_t osapiUpTimeMillisecondsGet() {
+  const timespec now = sinceBoot();
+  return static_cast<uint32_t>(static_cast<uint64_t>(now.tv_sec) * MSEC_PER_SEC +
+                               static_cast<uint64_t>(now.tv_nsec / NSEC_PER_MSEC));
+}

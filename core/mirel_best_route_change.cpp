@@ -306,11 +306,15 @@ void MirelRouteDel(const BestRouteRecord *route) {
 }
 
 int32_t mirelKernelRouteAdd(uint32_t dest, uint32_t mask, uint32_t gateway, uint32_t intIfNum, uint32_t flags) {
-  if (systemNotReady()) {
-    return 0;
-  }
   DeviceName device = {};
-  const bool deviceFits = deviceNameFill(flags, intIfNum, device);
+  bool deviceFits = false;
+  {
+    const ApiLock lock; // taken once for all that a route asks: taking it again inside costs next to nothing
+    if (systemNotReady()) {
+      return 0;
+    }
+    deviceFits = deviceNameFill(flags, intIfNum, device);
+  }
   const uint32_t kernelGateway = (flags & ROUTE_FLAG_VRF_DEVICE) != 0 ? 0 : gateway;
   const int32_t status = deviceFits
                              ? procOsapiAddMRoute(dest, mask, kernelGateway, intIfNum, flags, device, &routeNetlinkSock)

@@ -1,0 +1,57 @@
+// The real agent, as a process on the scripted platform (see scripted/scripted.h for script, trace and clock).
+#ifndef MIREL_TESTS_AGENT_PROCESS_H
+#define MIREL_TESTS_AGENT_PROCESS_H
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <sys/types.h>
+#include <vector>
+
+using Lines = std::vector<std::string>;
+
+struct AgentOptions {
+  std::vector<std::string> arguments = {"mirel-3"};
+  std::string script = {};
+  uint64_t clock = 1000;
+  std::function<void()> beforeExec = {}; // in the child
+};
+
+class AgentProcess {
+public:
+  explicit AgentProcess(const AgentOptions &options);
+  explicit AgentProcess(const std::string &script = "") : AgentProcess(AgentOptions{.script = script}) {}
+  ~AgentProcess();
+  AgentProcess(const AgentProcess &) = delete;
+  AgentProcess &operator=(const AgentProcess &) = delete;
+
+  pid_t pid() const { return pid_; }
+  Lines trace() const; // the calls so far
+  std::string output() const;
+  std::string errors() const;
+
+  void script(const std::string &lines);
+  void clock(uint64_t seconds) { clock_->store(seconds); }
+  void stop(); // suspends the process, and returns when it stands still
+  void resume();
+
+  // Waits until the agent has gone through its loop that many more times from start to end, and returns the trace of them.
+  // Throws when it does not within a generous time; so do the next two.
+  Lines passes(int count = 2);
+  // Runs a debug operation between two passes and returns what it prints.
+  std::string run(const std::string &operation);
+  // Waits for the process to end: "exit 0", "signal 6".
+  std::string end();
+
+private:
+  void waitUntil(const std::function<bool()> &condition, const std::string &what);
+  bool ended();
+
+  std::string folder_;
+  std::atomic<uint64_t> *clock_;
+  pid_t pid_ = -1;
+  int status_ = -1;
+};
+
+#endif

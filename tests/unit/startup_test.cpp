@@ -1,0 +1,247 @@
+// The real agent from its command line to its loop, on the scripted platform: what it calls, in which order, and how each
+// failure ends.
+
+#include "agent_process.h"
+#include "own_namespaces.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+namespace {
+
+using testing::Contains;
+using testing::Each;
+using testing::ElementsAreArray;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using testing::StartsWith;
+
+const std::string AREA = " 156 application/routing/mirel/core/mirel ";
+
+std::string log(int severity, const std::string &text) {
+  return "log " + std::to_string(severity) + AREA + text;
+}
+
+// The trace up to the first wait, without the registration of debug operations.
+Lines startUp(AgentProcess &agent) {
+  agent.passes(1);
+  Lines lines = agent.trace();
+  lines.erase(
+      std::find_if(lines.begin(), lines.end(), [](const std::string &line) { return line.starts_with("select "); }),
+      lines.end());
+  std::erase_if(lines, [](const std::string &line) { return line.starts_with("qvproc_devshell_register "); });
+  return lines;
+}
+
+TEST(StartUp, OrderOfCalls) {
+  AgentProcess agent;
+  const Lines expected = {
+      "qvproc_devshell_init",
+      "syncdbClientRegister mirel",
+      "tarnapiServiceClientRegister mirel 1 2001",
+      "rpcclt_tarnapiConnectivityCheck",
+      "rpcclt_tarnapiVrfNameGet 3 [65]",
+      "syncdbGet Mirel Restart State-3 1 0",
+      "syncdbGet Mirel Restart State-3 1 0",
+      "syncdbSet Mirel Restart State-3 1 1",
+      "system ifconfig lo up",
+      "procOsapiRouteNetlinkSocketInit netlink-request_dx-to-kernel",
+      "rpcclt_tarnapiRoutingProtocolRegister 3 1 kernel[7] K[2] 7",
+      "rpcclt_tarnapiRouteTypeRegister 1 7 Kernel[7] [1]",
+      "rpcclt_tarnapiRoutingStartupStatusVr 1 3",
+      "rpcclt_tarnapiBestRouteEventRegisterVr 3 1 " + std::to_string(agent.pid()) + " mirel:3[8]",
+  };
+  EXPECT_THAT(startUp(agent), ElementsAreArray(expected));
+  EXPECT_THAT(agent.trace(), Contains("select /tmp/rppi_brc.0007 1.0s"));
+  EXPECT_EQ(agent.output(), "");
+}
+
+TEST(StartUp, OperationsAreThereWhenTheShellOpens) {
+  AgentProcess agent;
+  agent.passes(1);
+  bool open = false;
+  int registered = 0;
+  for (const std::string &line : agent.trace()) {
+    open = open || line == "qvproc_devshell_init";
+    if (line.starts_with("qvproc_devshell_register ")) {
+      EXPECT_FALSE(open) << line;
+      ++registered;
+    }
+  }
+  EXPECT_TRUE(open);
+  EXPECT_GE(registered, 15);
+}
+
+TEST(StartUp, Arguments) {
+  const struct {
+    const char *argument;
+    const char *vrfId;
+  } CASES[] = {
+      {"x-12", "12"},
+      {"mirel", "0"},
+      {"a-b-7", "7"},
+      {"mirel-", "0"},
+      {"mirel-007", "7"},
+      {"mirel-3x", "3"},
+      {"mirel-x3", "0"},
+      {"-5", "5"},
+      {"mirel-4294967295", "4294967295"},
+      {"mirel-4294967301", "5"},
+      {"", "0"},
+  };
+  for (const auto &row : CASES) {
+    AgentProcess agent(AgentOptions{.arguments = {row.argument}});
+    const Lines lines = startUp(agent);
+    const std::string vrfId = row.vrfId;
+    EXPECT_THAT(lines, Contains("rpcclt_tarnapiVrfNameGet " + vrfId + " [65]")) << row.argument;
+    EXPECT_THAT(lines, Contains("syncdbGet Mirel Restart State-" + vrfId + " 1 0")) << row.argument;
+    EXPECT_EQ(std::count(lines.begin(), lines.end(), "system ifconfig lo up"), vrfId == "0" ? 0 : 1) << row.argument;
+    EXPECT_THAT(lines.back(), testing::EndsWith(" mirel:" + vrfId + "[" + std::to_string(7 + vrfId.size()) + "]"));
+  }
+}
+
+TEST(StartUp, WithoutArgument) {
+  AgentProcess agent(AgentOptions{.arguments = {}});
+  EXPECT_EQ(agent.end(), "exit 1");
+  EXPECT_THAT(agent.errors(), StartsWith("usage: "));
+  EXPECT_THAT(agent.trace(), IsEmpty());
+  EXPECT_EQ(agent.output(), "");
+}
+
+// The message is the last thing that is heard of the agent.
+TEST(StartUp, FatalSteps) {
+  const std::string register_ = "rpcclt_tarnapiBestRouteEventRegisterVr";
+  const struct {
+    const char *script;
+    std::string end;
+    Lines last;
+  } CASES[] = {
+      {"syncdbClientRegister: 1", "signal 6", {log(3, "VRF-ID 3: SyncDB Registration failed for Mirel")}},
+      {"pthread_mutexattr_init: 12", "signal 6", {log(3, "Error initializing Mirel TarnApi semaphore."), ""}},
+      {"tarnapiServiceClientRegister: -26",
+       "exit 2",
+       {log(3, "VRF-ID 3: Failed to initialize RPC to Tarn. Exiting (result = -26)")}},
+      {"procOsapiRouteNetlinkSocketInit: 1",
+       "exit 0",
+       {log(3, "[VRF \"blue\"]: Failed to initialize the Mirel netlink socket for updates to Kernel (VRF namespce).")}},
+      {"rpcclt_tarnapiRoutingStartupStatusVr: -26",
+       "exit 0",
+       {log(6,
+            "[VRF \"blue\"]: Mirel failed to retrieve TARN initialization status.mirel process exiting. Error -26.")}},
+      {"rpcclt_tarnapiBestRouteEventRegisterVr: -23",
+       "exit 0",
+       {log(3, "[VRF \"blue\"]: Mirel: Failed to register as best route change client."),
+        log(3, "Client list already full"), log(3, "[VRF \"blue\"]: Mirel failed to register to best route service.")}},
+      {"rpcclt_tarnapiBestRouteEventRegisterVr: 0 70",
+       "exit 0",
+       {"log 3 156 application/routing/mirel/core/mirel_router [VRF \"blue\"]: Failed to bind RPPI client socket",
+        log(3, "[VRF \"blue\"]: Failed to create best route client socket."),
+        log(3, "[VRF \"blue\"]: Mirel failed to register to best route service.")}},
+  };
+  std::filesystem::create_directory("/tmp/rppi_brc.0070"); // where no socket can be bound
+  for (const auto &row : CASES) {
+    AgentProcess agent(row.script);
+    EXPECT_EQ(agent.end(), row.end) << row.script;
+    Lines lines = agent.trace();
+    ASSERT_GE(lines.size(), row.last.size()) << row.script;
+    lines.erase(lines.begin(), lines.end() - static_cast<ptrdiff_t>(row.last.size()));
+    EXPECT_EQ(lines, row.last) << row.script;
+  }
+  std::filesystem::remove("/tmp/rppi_brc.0070");
+}
+
+// A client id of 0 is no registration, whatever the call answered; only a trace says so, and traces are off.
+TEST(StartUp, ClientIdZeroIsFatal) {
+  AgentProcess agent("rpcclt_tarnapiBestRouteEventRegisterVr: 0 0");
+  EXPECT_EQ(agent.end(), "exit 0");
+  EXPECT_THAT(agent.trace().back(), StartsWith("rpcclt_tarnapiBestRouteEventRegisterVr "));
+}
+
+TEST(StartUp, SurvivedFailures) {
+  const struct {
+    const char *script;
+    Lines logs;
+  } CASES[] = {
+      {"rpcclt_tarnapiVrfNameGet: -29\nrpcclt_tarnapiRouteTypeRegister: -26",
+       {log(3, "VRF-ID 3: Failed to get the vrf-name."),
+        log(3, "[VRF \"\"]: Failed to register Route Types with TARN RTO.")}},
+      {"rpcclt_tarnapiRoutingProtocolRegister: -24",
+       {log(3, "[VRF \"blue\"]: Failed to register Route Types with TARN RTO.")}},
+      {"syncdbSet: 1", {}},
+      {"system: -1", {}},
+  };
+  for (const auto &row : CASES) {
+    AgentProcess agent(row.script);
+    Lines logs = startUp(agent);
+    std::erase_if(logs, [](const std::string &line) { return !line.starts_with("log "); });
+    EXPECT_EQ(logs, row.logs) << row.script;
+  }
+}
+
+TEST(StartUp, VrfNameOfFullLength) {
+  const std::string name(64, 'v');
+  AgentProcess agent("rpcclt_tarnapiVrfNameGet: 0 " + name + "vv\nrpcclt_tarnapiRoutingProtocolRegister: -24");
+  EXPECT_THAT(startUp(agent),
+              Contains(log(3, "[VRF \"" + name + "\"]: Failed to register Route Types with TARN RTO.")));
+}
+
+TEST(StartUp, WaitsForThePlatform) {
+  AgentProcess agent("rpcclt_tarnapiConnectivityCheck: -26\nrpcclt_tarnapiConnectivityCheck: 1\n"
+                     "syncdbGet: 0 1\nsyncdbGet: 0 1");
+  const Lines lines = startUp(agent);
+  const Lines expected = {"tarnapiServiceClientRegister mirel 1 2001",
+                          "rpcclt_tarnapiConnectivityCheck",
+                          "osapiSleepMSec 1000",
+                          "rpcclt_tarnapiConnectivityCheck",
+                          "osapiSleepMSec 1000",
+                          "rpcclt_tarnapiConnectivityCheck",
+                          "rpcclt_tarnapiVrfNameGet 3 [65]"};
+  EXPECT_NE(std::search(lines.begin(), lines.end(), expected.begin(), expected.end()), lines.end());
+}
+
+TEST(StartUp, RestartFlushesBeforeAnythingIsMirrored) {
+  shell("ip link add rt1 type veth peer name h1 && ip link set rt1 up");
+  for (const char *flag : {"syncdbGet= 0 1", "syncdbGet= 1", "syncdbGet= 0 255"}) {
+    AgentProcess agent(flag);
+    const Lines lines = startUp(agent);
+    const Lines expected = {
+        "syncdbGet Mirel Restart State-3 1 0",
+        log(4, "[VRF \"blue\"]: Mirel process restarted. VRF ID = 3, PID = " + std::to_string(agent.pid())),
+        "osapiIfFlagChange rt1 1 0",
+        "osapiIfFlagChange rt1 1 1",
+        "system ifconfig lo up",
+    };
+    EXPECT_NE(std::search(lines.begin(), lines.end(), expected.begin(), expected.end()), lines.end()) << flag;
+    EXPECT_THAT(lines, Not(Contains(StartsWith("syncdbSet")))) << flag;
+  }
+  shell("ip link del rt1");
+}
+
+TEST(StartUp, ClosedStandardDescriptors) {
+  AgentProcess agent(AgentOptions{.beforeExec = [] {
+    close(STDIN_FILENO);
+    close(STDOUT_FILENO);
+    close(STDERR_FILENO);
+  }});
+  agent.passes(1);
+  for (const char *fd : {"0", "1", "2"}) {
+    EXPECT_EQ(std::filesystem::read_symlink("/proc/" + std::to_string(agent.pid()) + "/fd/" + fd), "/dev/null");
+  }
+}
+
+TEST(StartUp, RoutingNotStarted) {
+  AgentProcess agent("rpcclt_tarnapiRoutingStartupStatusVr: 0 0");
+  EXPECT_THAT(startUp(agent), Not(Contains(StartsWith("rpcclt_tarnapiBestRouteEventRegisterVr"))));
+  EXPECT_THAT(agent.trace(), Contains("select 1.0s"));
+  agent.clock(100000);
+  EXPECT_THAT(agent.passes(), Each("rpcclt_rpc_failure_occured"));
+}
+
+} // namespace

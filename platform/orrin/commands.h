@@ -1,0 +1,42 @@
+// The command lines: one grammar for the start-up script, the control socket, the state folder and the dump.
+#pragma once
+
+#include "switch.h"
+
+#include <string>
+#include <string_view>
+
+namespace orrin {
+
+// Carries out one line. True when accepted, with the answer in `out`; else `out` says which word is wrong and why.
+// Accepted configuration goes to the journal.
+bool runCommand(Switch &sw, std::string_view line, std::string &out);
+
+// Runs a file of commands. False with "file:line: reason".
+bool runScript(Switch &sw, const std::string &path, std::string &error);
+
+// A command takes the words behind its name. True when done; else `out` says why not.
+using CommandHandler = bool (*)(Switch &sw, Words &words, std::string &out);
+
+struct Command {
+  std::string_view name; // one or two words
+  CommandHandler handler;
+  bool kept; // in the journal, as it was given
+};
+
+// show.cpp
+bool showCommand(Switch &sw, Words &words, std::string &out);
+
+// config.cpp
+bool dumpCommand(Switch &sw, Words &words, std::string &out);
+// The configuration as commands, of one VRF or of all (null).
+void appendConfig(Switch &sw, const Vrf *only, bool runs, std::string &out);
+// What the state folder keeps: the configuration and the registrations.
+bool writeState(Switch &sw, std::string &error);
+
+// "vrf <id>" if it is there, and nothing more; `only` is null without it.
+bool takeVrfFilter(Switch &sw, Words &words, const Vrf *&only, std::string &out);
+bool takeVrf(Switch &sw, Words &words, Vrf *&vrf, std::string &out);
+bool takeName(Words &words, std::string_view what, size_t longest, std::string &name, std::string &out);
+
+} // namespace orrin

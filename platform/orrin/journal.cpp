@@ -1,0 +1,181 @@
+// Keeping accepted commands on file. Used by orrin's one thread. A line is written before its command is answered, so that a
+// killed orrin has lost nothing that it accepted; nothing is synced to the disk, a crash of the machine is not its matter.
+
+#include "journal.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+
+namespace orrin {
+
+namespace {
+
+constexpr std::string_view GENERATION = "# generation ";
+constexpr mode_t FOLDER_MODE = 0700;
+constexpr mode_t FILE_MODE = 0600;
+
+bool failed(std::string &error, const std::string &what) {
+  const int reason = errno;
+  error = what + ": " + std::strerror(reason);
+  return false;
+}
+
+bool writeAll(int fd, std::string_view text) {
+  while (!text.empty()) {
+    const ssize_t written = write(fd, text.data(), text.size());
+    if (written < 0 && errno != EINTR) {
+      return false;
+    }
+    text.remove_prefix(written > 0 ? static_cast<size_t>(written) : 0);
+  }
+  return true;
+}
+
+// False, with errno, when the file cannot be read; a missing one is empty.
+bool readFile(const std::string &path, std::string &text) {
+  text.clear();
+  const UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  if (!fd) {
+    return errno == ENOENT;
+  }
+  struct stat status {};
+  if (fstat(fd.get(), &status) != 0) {
+    return false;
+  }
+  text.resize(static_cast<size_t>(status.st_size));
+  size_t filled = 0;
+  while (filled < text.size()) {
+    const ssize_t count = read(fd.get(), text.data() + filled, text.size() - filled);
+    if (count < 0 && errno == EINTR) {
+      continue;
+    }
+    if (count <= 0) {
+      text.resize(filled);
+      return count == 0;
+    }
+    filled += static_cast<size_t>(count);
+  }
+  return true;
+}
+
+bool makeFolders(const std::string &path) {
+  for (size_t slash = path.find('/', 1);; slash = path.find('/', slash + 1)) {
+    const std::string part = path.substr(0, slash);
+    if (mkdir(part.c_str(), FOLDER_MODE) != 0 && errno != EEXIST) {
+      return false;
+    }
+    if (slash == std::string::npos) {
+      return true;
+    }
+  }
+}
+
+std::string header(uint64_t generation) {
+  return std::string(GENERATION) + std::to_string(generation) + "\n";
+}
+
+uint64_t generationOf(std::string_view text) {
+  return text.starts_with(GENERATION) ? std::strtoull(text.data() + GENERATION.size(), nullptr, 10) : 0;
+}
+
+} // namespace
+
+std::string Journal::path(std::string_view name) const {
+  return std::string(folder_).append(1, '/').append(name);
+}
+
+bool Journal::open(const std::string &folder, std::string &error) {
+  if (!makeFolders(folder)) {
+    return failed(error, folder);
+  }
+  folder_ = folder;
+  UniqueFd lock(::open(path("lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, FILE_MODE));
+  if (!lock) {
+    return failed(error, path("lock"));
+  }
+  if (flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
+    return failed(error, folder + " is another orrin's");
+  }
+  lock_ = std::move(lock);
+  return true;
+}
+
+bool Journal::replay(const Apply &apply, std::string &error) {
+  std::string texts[2];
+  const std::string names[2] = {path("config"), path("journal")};
+  for (int index = 0; index < 2; ++index) {
+    if (!readFile(names[index], texts[index])) {
+      return failed(error, names[index]);
+    }
+  }
+  generation_ = generationOf(texts[0]);
+  if (generationOf(texts[1]) != generation_) {
+    texts[1].clear();
+  }
+  hadState_ = !texts[0].empty() || !texts[1].empty();
+  for (int index = 0; index < 2; ++index) {
+    size_t number = 0;
+    std::string_view rest = texts[index];
+    // A last line without its end is one that was cut off while it was written, and was never answered.
+    for (size_t end = rest.find('\n'); end != std::string_view::npos; end = rest.find('\n')) {
+      ++number;
+      std::string reason;
+      if (!apply(rest.substr(0, end), reason)) {
+        error = names[index] + ":" + std::to_string(number) + ": " + reason;
+        return false;
+      }
+      rest.remove_prefix(end + 1);
+    }
+  }
+  return true;
+}
+
+bool Journal::replace(const std::string &name, std::string_view text, std::string &error) {
+  const std::string target = path(name);
+  const std::string fresh = target + ".new";
+  const UniqueFd fd(::open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, FILE_MODE));
+  if (!fd || !writeAll(fd.get(), header(generation_)) || !writeAll(fd.get(), text) ||
+      rename(fresh.c_str(), target.c_str()) != 0) {
+    return failed(error, fresh);
+  }
+  return true;
+}
+
+bool Journal::rewrite(std::string_view lines, std::string &error) {
+  ++generation_;
+  if (!replace("config", lines, error) || !replace("journal", {}, error)) {
+    return false;
+  }
+  UniqueFd file(::open(path("journal").c_str(), O_WRONLY | O_APPEND | O_CLOEXEC));
+  if (!file) {
+    return failed(error, path("journal"));
+  }
+  file_ = std::move(file);
+  pending_.clear();
+  configBytes_ = lines.size();
+  journalBytes_ = 0;
+  return true;
+}
+
+void Journal::append(std::string_view line) {
+  if (file_) {
+    pending_.append(line).append(1, '\n');
+  }
+}
+
+void Journal::flush() {
+  if (pending_.empty()) {
+    return;
+  }
+  trouble_.clear();
+  if (!writeAll(file_.get(), pending_)) {
+    failed(trouble_, path("journal"));
+  }
+  journalBytes_ += pending_.size();
+  pending_.clear();
+}
+
+} // namespace orrin

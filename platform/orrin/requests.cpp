@@ -1,0 +1,272 @@
+// The platform API's calls, one handler each, in one table. Handlers read the request's args as tarnapi_wire.h lists them and
+// return the call's result. Used by orrin's one thread.
+
+#include "requests.h"
+
+#include "routes.h"
+#include "tarnapi.h"
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+
+namespace orrin {
+
+namespace {
+
+using Args = std::array<uint32_t, 6>;
+
+struct Call {
+  Switch &sw;
+  const Args &args;
+  const RequestContext &context;
+  Answer &answer;
+
+  void value(size_t index, uint32_t number) const { answer.reply.values[index] = number; }
+};
+
+using Handler = int32_t (*)(const Call &);
+
+int32_t connectivityCheck(const Call &) {
+  return TARN_OK;
+}
+
+int32_t systemReadyStateGet(const Call &call) {
+  call.value(0, call.sw.systemReady ? 1 : 0);
+  return TARN_OK;
+}
+
+int32_t vrfNameGet(const Call &call) {
+  const Vrf *vrf = findVrf(call.sw, call.args[0]);
+  if (vrf == nullptr) {
+    return TARN_NOT_FOUND;
+  }
+  call.answer.tail = vrf->name;
+  return TARN_OK;
+}
+
+int32_t vrfIntfNameGet(const Call &call) {
+  const Vrf *vrf = findVrf(call.sw, call.args[0]);
+  if (vrf == nullptr) {
+    return TARN_NOT_FOUND;
+  }
+  call.answer.tail = vrf->interfaceName;
+  return TARN_OK;
+}
+
+int32_t routingStartupStatus(const Call &call) {
+  const Vrf *vrf = findVrf(call.sw, call.args[1]);
+  if (call.args[0] != TARN_FAMILY_IPV4 || vrf == nullptr) {
+    return vrf == nullptr ? TARN_NOT_FOUND : TARN_INVALID;
+  }
+  call.value(0, vrf->routing ? 1 : 0);
+  return TARN_OK;
+}
+
+int32_t interfaceTypeGet(const Call &call) {
+  const Interface *interface = findInterface(call.sw, call.args[0]);
+  if (interface == nullptr) {
+    return TARN_NOT_FOUND;
+  }
+  call.value(0, interface->type);
+  return TARN_OK;
+}
+
+int32_t interfaceNameGet(const Call &call) {
+  const Interface *interface = findInterface(call.sw, call.args[0]);
+  if (interface == nullptr) {
+    return TARN_NOT_FOUND;
+  }
+  call.answer.tail = interface->name;
+  return TARN_OK;
+}
+
+int32_t stackNameGet(const Call &call) {
+  const Interface *interface = findInterface(call.sw, call.args[1]);
+  if (interface == nullptr || interface->vrf != call.args[0]) {
+    return TARN_NOT_FOUND;
+  }
+  call.answer.tail = interface->device;
+  return TARN_OK;
+}
+
+const Interface *defaultVrfInterface(const Call &call) {
+  const Interface *interface = findInterface(call.sw, call.args[0]);
+  return interface != nullptr && interface->vrf == 0 ? interface : nullptr;
+}
+
+int32_t ipStackNameGet(const Call &call) {
+  const Interface *interface = defaultVrfInterface(call);
+  if (interface == nullptr) {
+    return TARN_NOT_FOUND;
+  }
+  call.answer.tail = interface->device;
+  return TARN_OK;
+}
+
+int32_t ipStackIndexGet(const Call &call) {
+  const Interface *interface = defaultVrfInterface(call);
+  if (interface == nullptr || interface->index == 0) {
+    return TARN_NOT_FOUND;
+  }
+  call.value(0, interface->index);
+  return TARN_OK;
+}
+
+int32_t registerAs(const Call &call, ClientKind kind, uint32_t family, uint32_t vrfId, uint32_t pid) {
+  const std::string_view name = call.context.tail;
+  const bool printable = std::all_of(name.begin(), name.end(), [](char each) { return each > ' ' && each < '\x7f'; });
+  const Vrf *vrf = findVrf(call.sw, vrfId);
+  if (family != TARN_FAMILY_IPV4 || vrf == nullptr || name.empty() || !printable) {
+    return TARN_INVALID;
+  }
+  if (kind == ClientKind::BEST_ROUTE && !vrf->routing) {
+    return TARN_NOT_YET;
+  }
+  uint32_t id = 0;
+  const int32_t result = registerClient(call.sw, kind, vrfId, {pid, call.context.process}, name, id);
+  call.value(0, id);
+  return result;
+}
+
+int32_t bestRouteRegister(const Call &call) {
+  return registerAs(call, ClientKind::BEST_ROUTE, call.args[1], call.args[0], call.args[2]);
+}
+
+int32_t bestRouteDeregister(const Call &call) {
+  return findClient(call.sw, ClientKind::BEST_ROUTE, call.args[0]) != nullptr && dropClient(call.sw, call.args[0])
+             ? TARN_OK
+             : TARN_NOT_FOUND;
+}
+
+int32_t bestRouteChangeNextGet(const Call &call) {
+  Client *client = findClient(call.sw, ClientKind::BEST_ROUTE, call.args[0]);
+  if (client == nullptr) {
+    return TARN_NOT_FOUND;
+  }
+  if (call.args[3] != 0) { // the library has records to hand out and only asks whether it may
+    return TARN_OK;
+  }
+  const uint64_t received = uint64_t{call.args[2]} << 32 | call.args[1];
+  const ChangeQueue::Batch batch = client->changes.fetch(received, call.sw.vrfs.at(client->vrf).routes, call.sw.attrs,
+                                                         tarnwire::REPLY_MAX - sizeof(tarnwire::Reply));
+  if (client->changes.takeSettled()) {
+    call.sw.journal.append("client settled " + std::to_string(client->id));
+  }
+  call.value(0, static_cast<uint32_t>(batch.number));
+  call.value(1, static_cast<uint32_t>(batch.number >> 32));
+  call.value(2, batch.records);
+  call.answer.tail = batch.routes;
+  if (!batch.last) {
+    return TARN_OK;
+  }
+  client->notified = false;
+  return TARN_NO_MORE;
+}
+
+int32_t interfaceBestRoutesNextGet(const Call &call) {
+  constexpr uint32_t LIMIT = 50;
+  const Client *client = findClient(call.sw, ClientKind::BEST_ROUTE, call.args[0]);
+  if (client == nullptr) {
+    return TARN_NOT_FOUND;
+  }
+  if (call.args[2] == 0 || call.args[4] > 32) {
+    return TARN_INVALID;
+  }
+  bool more = false;
+  const Prefix key{call.args[3], static_cast<uint8_t>(call.args[4])};
+  const uint32_t records = encodeRoutesThrough(call.sw, call.sw.vrfs.at(client->vrf), call.args[1], key,
+                                               std::min(call.args[2], LIMIT), call.answer.tail, more);
+  call.value(2, records);
+  return more ? TARN_OK : TARN_NO_MORE;
+}
+
+// Splits a tail of two texts; false when it cannot be.
+bool splitTexts(std::string_view tail, uint32_t firstLength, std::string &first, std::string &second) {
+  if (firstLength == 0 || firstLength > tail.size()) {
+    return false;
+  }
+  first = tail.substr(0, firstLength);
+  second = tail.substr(firstLength);
+  return true;
+}
+
+int32_t routingProtocolRegister(const Call &call) {
+  Protocol protocol{call.args[0], call.args[2], {}, {}};
+  if (findVrf(call.sw, protocol.vrf) == nullptr || call.args[1] != TARN_FAMILY_IPV4 ||
+      !splitTexts(call.context.tail, call.args[3], protocol.name, protocol.code)) {
+    return TARN_INVALID;
+  }
+  std::erase_if(call.sw.protocols,
+                [&](const Protocol &each) { return each.vrf == protocol.vrf && each.name == protocol.name; });
+  call.value(0, protocol.id);
+  call.sw.protocols.push_back(std::move(protocol));
+  return TARN_OK;
+}
+
+int32_t routeTypeRegister(const Call &call) {
+  RouteType type{call.args[1], 0, {}, {}};
+  const auto protocol = std::find_if(call.sw.protocols.begin(), call.sw.protocols.end(),
+                                     [&](const Protocol &each) { return each.id == type.protocol; });
+  if (protocol == call.sw.protocols.end() || call.args[0] != TARN_FAMILY_IPV4 ||
+      !splitTexts(call.context.tail, call.args[2], type.name, type.code)) {
+    return TARN_INVALID;
+  }
+  for (const RouteType &each : call.sw.routeTypes) {
+    if (each.protocol == type.protocol && each.name == type.name) {
+      call.value(0, each.id);
+      return TARN_OK;
+    }
+  }
+  type.id = static_cast<uint32_t>(call.sw.routeTypes.size()) + 1;
+  call.value(0, type.id);
+  call.sw.routeTypes.push_back(std::move(type));
+  return TARN_OK;
+}
+
+int32_t notServed(const Call &) {
+  return TARN_REFUSED;
+}
+
+struct HandlerRow {
+  tarnwire::Op op;
+  Handler handler;
+};
+
+constexpr HandlerRow HANDLERS[] = {
+    {tarnwire::CONNECTIVITY_CHECK, connectivityCheck},
+    {tarnwire::SYSTEM_READY_STATE_GET, systemReadyStateGet},
+    {tarnwire::VRF_NAME_GET, vrfNameGet},
+    {tarnwire::VRF_INTF_NAME_GET, vrfIntfNameGet},
+    {tarnwire::ROUTING_STARTUP_STATUS, routingStartupStatus},
+    {tarnwire::INTF_TYPE_GET, interfaceTypeGet},
+    {tarnwire::INTF_NAME_GET, interfaceNameGet},
+    {tarnwire::INTF_STK_NAME_GET, stackNameGet},
+    {tarnwire::INTF_IP_STACK_NAME_GET, ipStackNameGet},
+    {tarnwire::INTF_IP_STACK_INDEX_GET, ipStackIndexGet},
+    {tarnwire::BEST_ROUTE_REGISTER, bestRouteRegister},
+    {tarnwire::BEST_ROUTE_DEREGISTER, bestRouteDeregister},
+    {tarnwire::BEST_ROUTE_CHANGE_NEXT_GET, bestRouteChangeNextGet},
+    {tarnwire::INTF_BEST_ROUTES_NEXT_GET, interfaceBestRoutesNextGet},
+    {tarnwire::ROUTING_PROTOCOL_REGISTER, routingProtocolRegister},
+    {tarnwire::ROUTE_TYPE_REGISTER, routeTypeRegister},
+};
+
+constexpr std::array<Handler, tarnwire::OP_COUNT> handlersByOp() {
+  std::array<Handler, tarnwire::OP_COUNT> handlers{};
+  handlers.fill(notServed);
+  for (const HandlerRow &row : HANDLERS) {
+    handlers[row.op] = row.handler;
+  }
+  return handlers;
+}
+
+constexpr std::array<Handler, tarnwire::OP_COUNT> HANDLER_OF = handlersByOp();
+
+} // namespace
+
+void answerRequest(Switch &sw, const tarnwire::Request &request, const RequestContext &context, Answer &answer) {
+  answer.reply.result = HANDLER_OF[request.op](Call{sw, request.args, context, answer});
+}
+
+} // namespace orrin

@@ -1,0 +1,26 @@
+// Answering the platform API.
+#pragma once
+
+#include "clients.h"
+#include "tarnapi_wire.h"
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace orrin {
+
+struct RequestContext {
+  uint32_t process = 0; // at the other end of the connection
+  std::string_view tail;
+};
+
+struct Answer {
+  tarnwire::Reply reply{};
+  std::string tail;
+};
+
+// Carries out one request whose op and tail length were checked.
+void answerRequest(Switch &sw, const tarnwire::Request &request, const RequestContext &context, Answer &answer);
+
+} // namespace orrin

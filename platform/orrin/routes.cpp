@@ -1,0 +1,200 @@
+// The route tables. Used by orrin's one thread; long walks keep the heartbeat going.
+
+#include "routes.h"
+
+#include "clients.h"
+#include "tarnapi_wire.h"
+
+namespace orrin {
+
+namespace {
+
+constexpr size_t BEAT_EVERY = 8192; // routes between two heartbeats
+
+class Beat {
+public:
+  explicit Beat(Switch &sw) : sw_(sw) {}
+  void operator()() {
+    if (++count_ % BEAT_EVERY == 0) {
+      sw_.page.beat();
+    }
+  }
+
+private:
+  Switch &sw_;
+  size_t count_ = 0;
+};
+
+std::string textOf(const Prefix &prefix) {
+  std::string text;
+  appendPrefix(text, prefix);
+  return text;
+}
+
+uint64_t stepOf(uint8_t length) {
+  return uint64_t{1} << (32 - length);
+}
+
+Prefix nth(const Prefix &first, uint32_t index) {
+  return {static_cast<uint32_t>(first.address + index * stepOf(first.length)), first.length};
+}
+
+std::string refusal(Switch &sw, RouteEdit edit, const Vrf &vrf, const Prefix &first, uint32_t count,
+                    const RouteAttrs &attrs) {
+  if (count == 0) {
+    return "count: nothing to do";
+  }
+  if (first.address + uint64_t{count} * stepOf(first.length) > uint64_t{1} << 32) {
+    return "count: " + std::to_string(count) + " prefixes go beyond 255.255.255.255";
+  }
+  for (const NextHop &hop : attrs.hops) {
+    const Interface *interface = hop.interface == 0 ? nullptr : findInterface(sw, hop.interface);
+    if (hop.interface != 0 && (interface == nullptr || interface->vrf != vrf.id)) {
+      return "interface " + std::to_string(hop.interface) + " is not in VRF " + std::to_string(vrf.id);
+    }
+  }
+  Beat beat(sw);
+  for (uint32_t index = 0; index < count; ++index) {
+    const Prefix prefix = nth(first, index);
+    const bool there = vrf.routes.find(prefix) != nullptr;
+    if (there && edit == RouteEdit::ADD) {
+      return "VRF " + std::to_string(vrf.id) + " has a route " + textOf(prefix) + " already";
+    }
+    if (!there && edit != RouteEdit::ADD) {
+      return "VRF " + std::to_string(vrf.id) + " has no route " + textOf(prefix);
+    }
+    beat();
+  }
+  return {};
+}
+
+void removeRoute(Switch &sw, Vrf &vrf, const Prefix &prefix) {
+  sw.attrs.release(*vrf.routes.find(prefix));
+  vrf.routes.erase(prefix);
+}
+
+// Returns what a client must be told.
+ChangeQueue::Kind modifyRoute(Switch &sw, Vrf &vrf, const Prefix &prefix, AttrId attrs) {
+  AttrId &held = *vrf.routes.find(prefix);
+  // A modify does not carry a route from one type to another: the agent passes over it for local and kernel routes.
+  const bool sameType = sw.attrs.type(held) == sw.attrs.type(attrs);
+  sw.attrs.release(held);
+  held = attrs;
+  return sameType ? ChangeQueue::MODIFY : ChangeQueue::REPLACE;
+}
+
+} // namespace
+
+std::string editRoutes(Switch &sw, RouteEdit edit, uint32_t vrfId, const Prefix &first, uint32_t count,
+                       const RouteAttrs &attrs) {
+  Vrf *vrf = findVrf(sw, vrfId);
+  if (vrf == nullptr) {
+    return "there is no VRF " + std::to_string(vrfId);
+  }
+  std::string why = refusal(sw, edit, *vrf, first, count, attrs);
+  if (!why.empty()) {
+    return why;
+  }
+  const AttrId id = edit == RouteEdit::REMOVE ? 0 : sw.attrs.intern(encodeAttrs(attrs), count);
+  const std::vector<Client *> clients = bestRouteClients(sw, vrfId);
+  Beat beat(sw);
+  for (uint32_t index = 0; index < count; ++index) {
+    const Prefix prefix = nth(first, index);
+    ChangeQueue::Kind kind = ChangeQueue::DELETE;
+    if (edit == RouteEdit::ADD) {
+      vrf->routes.insert(prefix, id);
+      kind = ChangeQueue::ADD;
+    } else if (edit == RouteEdit::MODIFY) {
+      kind = modifyRoute(sw, *vrf, prefix, id);
+    } else {
+      removeRoute(sw, *vrf, prefix);
+    }
+    for (Client *client : clients) {
+      client->changes.note(prefix, kind);
+    }
+    beat();
+  }
+  notifyBestRouteClients(sw, clients);
+  return {};
+}
+
+size_t routesThrough(const Switch &sw, uint32_t interface) {
+  size_t routes = 0;
+  for (AttrId id = 0; id < sw.attrs.slots(); ++id) {
+    if (sw.attrs.mentions(id, interface)) {
+      routes += sw.attrs.references(id);
+    }
+  }
+  return routes;
+}
+
+uint32_t encodeRoutesThrough(Switch &sw, const Vrf &vrf, uint32_t interface, const Prefix &key, uint32_t limit,
+                             std::string &out, bool &more) {
+  std::vector<bool> wanted(sw.attrs.slots());
+  for (AttrId id = 0; id < wanted.size(); ++id) {
+    wanted[id] = sw.attrs.mentions(id, interface);
+  }
+  uint32_t records = 0;
+  more = false;
+  RouteMap::Place place = vrf.routes.notBefore(key);
+  const bool fromStart = key == Prefix{};
+  Beat beat(sw);
+  for (; const RouteMap::Entry *entry = vrf.routes.at(place); place = vrf.routes.next(place)) {
+    beat();
+    if (!wanted[entry->value] || (!fromStart && entry->prefix() == key)) {
+      continue;
+    }
+    if (records == limit) {
+      more = true;
+      break;
+    }
+    const tarnwire::RouteKey record{entry->address, entry->length, tarnwire::ROUTE_ADD, {}};
+    out.append(reinterpret_cast<const char *>(&record), sizeof record).append(sw.attrs.body(entry->value));
+    ++records;
+  }
+  return records;
+}
+
+void removeAllRoutes(Switch &sw, Vrf &vrf) {
+  Beat beat(sw);
+  for (RouteMap::Place place = vrf.routes.first(); const RouteMap::Entry *entry = vrf.routes.at(place);
+       place = vrf.routes.next(place)) {
+    sw.attrs.release(entry->value);
+    beat();
+  }
+  vrf.routes.clear();
+}
+
+void appendRoutes(Switch &sw, const Vrf &vrf, bool runs, std::string &out) {
+  std::string attrText;
+  AttrId attrsOfText = 0;
+  Beat beat(sw);
+  for (RouteMap::Place place = vrf.routes.first(); const RouteMap::Entry *entry = vrf.routes.at(place);) {
+    beat();
+    const RouteMap::Entry head = *entry;
+    uint64_t count = 1;
+    for (place = vrf.routes.next(place); runs && (entry = vrf.routes.at(place)) != nullptr;
+         place = vrf.routes.next(place)) {
+      if (entry->length != head.length || entry->value != head.value ||
+          entry->address != head.address + count * stepOf(head.length)) {
+        break;
+      }
+      ++count;
+    }
+    if (attrText.empty() || attrsOfText != head.value) {
+      attrText = "\n";
+      std::string words;
+      appendRouteAttrs(words, decodeAttrs(sw.attrs.body(head.value)));
+      attrText = words + "\n";
+      attrsOfText = head.value;
+    }
+    appendNumber(out += count > 1 ? "routes add vrf " : "route add vrf ", vrf.id);
+    appendPrefix(out += ' ', head.prefix());
+    if (count > 1) {
+      appendNumber(out += " count ", count);
+    }
+    out += attrText;
+  }
+}
+
+} // namespace orrin

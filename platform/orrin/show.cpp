@@ -1,0 +1,258 @@
+// The answers of `show`. Used by orrin's one thread.
+
+#include "clients.h"
+#include "commands.h"
+#include "report.h"
+
+#include <algorithm>
+
+namespace orrin {
+
+namespace {
+
+struct Wanted {
+  const Vrf *only = nullptr;
+  bool json = false;
+
+  bool vrf(uint32_t id) const { return only == nullptr || only->id == id; }
+};
+
+const char *typeName(uint32_t type) {
+  switch (type) {
+  case Interface::LOOPBACK:
+    return "loopback";
+  case Interface::TUNNEL:
+    return "tunnel";
+  default:
+    return "ordinary";
+  }
+}
+
+void showVrfs(Switch &sw, const Wanted &wanted, std::string &out) {
+  static constexpr Column COLUMNS[] = {{"vrf", 10},   {"name", 16},       {"interface", 16}, {"routing", 7},
+                                       {"routes", 8}, {"interfaces", 10}, {"keepalive", 9},  {"netns", 0}};
+  Report report(out, wanted.json, COLUMNS);
+  for (const auto &[id, vrf] : sw.vrfs) {
+    if (!wanted.vrf(id)) {
+      continue;
+    }
+    const auto interfaces = std::count_if(sw.interfaces.begin(), sw.interfaces.end(),
+                                          [&vrf](const auto &entry) { return entry.second.vrf == vrf.id; });
+    report.number(id);
+    report.text(vrf.name);
+    report.text(vrf.interfaceName);
+    report.text(vrf.routing ? "on" : "off");
+    report.number(vrf.routes.size());
+    report.signedNumber(interfaces);
+    report.text(sw.keepaliveHeld || vrf.keepaliveHeld ? "held" : "sent");
+    report.text(vrf.netns);
+  }
+  report.finish();
+}
+
+void showInterfaces(Switch &sw, const Wanted &wanted, std::string &out) {
+  static constexpr Column COLUMNS[] = {{"interface", 9}, {"vrf", 10}, {"name", 16}, {"device", 16},
+                                       {"type", 4},      {"kind", 8}, {"index", 0}};
+  Report report(out, wanted.json, COLUMNS);
+  for (const auto &[number, interface] : sw.interfaces) {
+    if (!wanted.vrf(interface.vrf)) {
+      continue;
+    }
+    report.number(number);
+    report.number(interface.vrf);
+    report.text(interface.name);
+    report.text(interface.device);
+    report.number(interface.type);
+    report.text(typeName(interface.type));
+    report.number(interface.index);
+  }
+  report.finish();
+}
+
+std::string hopsJson(const RouteAttrs &attrs) {
+  std::string json = "[";
+  for (const NextHop &hop : attrs.hops) {
+    json += json.size() > 1 ? "," : "";
+    appendAddress(json += "{\"via\":\"", hop.address);
+    appendNumber(json += "\",\"interface\":", hop.interface);
+    json += '}';
+  }
+  return json + "]";
+}
+
+void showRoutes(Switch &sw, const Wanted &wanted, std::string &out) {
+  static constexpr Column COLUMNS[] = {{"vrf", 10}, {"prefix", 18}, {"options", 0}};
+  static constexpr Column JSON_COLUMNS[] = {{"vrf", 0},    {"prefix", 0}, {"options", 0},
+                                            {"metric", 0}, {"proto", 0},  {"nexthops", 0}};
+  Report report(out, wanted.json,
+                wanted.json ? std::span<const Column>(JSON_COLUMNS) : std::span<const Column>(COLUMNS));
+  std::string prefix;
+  std::string options;
+  size_t walked = 0;
+  for (const auto &[id, vrf] : sw.vrfs) {
+    for (auto place = vrf.routes.first(); wanted.vrf(id) && vrf.routes.at(place) != nullptr;
+         place = vrf.routes.next(place)) {
+      const RouteMap::Entry &entry = *vrf.routes.at(place);
+      RouteAttrs attrs = decodeAttrs(sw.attrs.body(entry.value));
+      prefix.clear();
+      appendPrefix(prefix, entry.prefix());
+      report.number(id);
+      report.text(prefix);
+      const std::string hops = wanted.json ? hopsJson(attrs) : std::string();
+      const uint32_t metric = attrs.metric;
+      const uint32_t proto = attrs.proto;
+      if (wanted.json) { // have members of their own
+        attrs.hops.clear();
+        attrs.metric = attrs.proto = 0;
+      }
+      options.clear();
+      appendRouteAttrs(options, attrs);
+      report.text(options.empty() ? std::string_view() : std::string_view(options).substr(1));
+      if (wanted.json) {
+        report.number(metric);
+        report.number(proto);
+        report.custom({}, hops);
+      }
+      if (++walked % 4096 == 0) {
+        sw.page.beat();
+      }
+    }
+  }
+  report.finish();
+}
+
+void showClients(Switch &sw, const Wanted &wanted, std::string &out) {
+  static constexpr Column COLUMNS[] = {{"client", 6}, {"kind", 12},   {"vrf", 10},      {"name", 16},  {"pid", 8},
+                                       {"state", 10}, {"waiting", 8}, {"in-flight", 9}, {"unsent", 6}, {"socket", 0}};
+  Report report(out, wanted.json, COLUMNS);
+  for (const auto &[id, client] : sw.clients) {
+    if (!wanted.vrf(client.vrf)) {
+      continue;
+    }
+    report.number(id);
+    report.text(kindName(client.kind));
+    report.number(client.vrf);
+    report.text(client.name);
+    report.number(client.pid);
+    report.text(client.registered ? "registered" : "gone");
+    report.number(client.changes.waiting());
+    report.number(client.changes.inFlight());
+    report.number(client.outbox.size());
+    report.text(client.outbox.path());
+  }
+  report.finish();
+}
+
+void showFaults(Switch &sw, const Wanted &wanted, std::string &out) {
+  static constexpr Column COLUMNS[] = {{"call", 40}, {"result", 6}, {"delay", 6}, {"drop", 4}, {"times", 0}};
+  Report report(out, wanted.json, COLUMNS);
+  for (const tarnwire::OpInfo &info : tarnwire::OPS) {
+    const std::optional<Fault> &fault = sw.faults.at(info.op);
+    if (!fault) {
+      continue;
+    }
+    report.text(info.function);
+    const std::string result = fault->result ? std::to_string(*fault->result) : std::string();
+    report.custom(result, fault->result ? result : "null");
+    report.number(fault->delayMs);
+    report.yesNo(fault->drop);
+    report.custom(fault->times == 0 ? "always" : std::to_string(fault->times), std::to_string(fault->times));
+  }
+  report.finish();
+}
+
+// A member of the status: a row of two columns in the table, a member of one object in JSON.
+class StatusLines {
+public:
+  StatusLines(std::string &out, bool json) : out_(out), json_(json) { out_ += json_ ? "{" : ""; }
+  void finish() { out_ += json_ ? "\n}\n" : ""; }
+
+  void member(std::string_view key, std::string_view table, std::string_view json) {
+    if (!json_) {
+      out_.append(key);
+      if (!table.starts_with('\n')) {
+        out_.append(key.size() < WIDTH ? WIDTH - key.size() : 1, ' ');
+      }
+      out_.append(table).append(1, '\n');
+      return;
+    }
+    out_ += first_ ? "\n" : ",\n";
+    first_ = false;
+    appendJsonText(out_, key);
+    out_.append(":").append(json);
+  }
+  void text(std::string_view key, std::string_view value) {
+    std::string json;
+    appendJsonText(json, value);
+    member(key, value, json);
+  }
+  void number(std::string_view key, uint64_t value) { member(key, std::to_string(value), std::to_string(value)); }
+  // A whole report under the key.
+  template <class Show> void rows(std::string_view key, Show show) {
+    std::string rows;
+    show(rows);
+    rows.pop_back(); // the line end
+    member(key, "\n" + rows + "\n", rows);
+  }
+
+private:
+  static constexpr size_t WIDTH = 18;
+
+  std::string &out_;
+  const bool json_;
+  bool first_ = true;
+};
+
+void showStatus(Switch &sw, const Wanted &wanted, std::string &out) {
+  size_t routes = 0;
+  for (const auto &[id, vrf] : sw.vrfs) {
+    routes += vrf.routes.size();
+  }
+  StatusLines lines(out, wanted.json);
+  lines.text("system", sw.systemReady ? "ready" : "not-ready");
+  lines.number("routes", routes);
+  lines.number("interfaces", sw.interfaces.size());
+  lines.number("keepalive-period", sw.keepalivePeriod);
+  lines.text("keepalive", sw.keepaliveHeld ? "held" : "sent");
+  lines.text("state-folder", sw.journal.folder());
+  lines.text("state", sw.journal.trouble().empty() ? std::string_view("kept") : std::string_view(sw.journal.trouble()));
+  lines.rows("vrfs", [&](std::string &rows) { showVrfs(sw, wanted, rows); });
+  lines.rows("clients", [&](std::string &rows) { showClients(sw, wanted, rows); });
+  lines.rows("faults", [&](std::string &rows) { showFaults(sw, wanted, rows); });
+  lines.finish();
+}
+
+struct Subject {
+  std::string_view word;
+  void (*show)(Switch &sw, const Wanted &wanted, std::string &out);
+};
+
+constexpr Subject SUBJECTS[] = {
+    {"vrfs", showVrfs},       {"interfaces", showInterfaces}, {"routes", showRoutes},
+    {"clients", showClients}, {"faults", showFaults},         {"status", showStatus},
+};
+
+} // namespace
+
+bool showCommand(Switch &sw, Words &words, std::string &out) {
+  const std::string_view word = words.take();
+  const auto subject =
+      std::find_if(std::begin(SUBJECTS), std::end(SUBJECTS), [word](const Subject &each) { return each.word == word; });
+  if (subject == std::end(SUBJECTS)) {
+    out = "show: vrfs, interfaces, routes, clients, faults or status";
+    out += word.empty() ? "" : ", not \"" + std::string(word) + "\"";
+    return false;
+  }
+  Wanted wanted;
+  if (!takeVrfFilter(sw, words, wanted.only, out)) {
+    return false;
+  }
+  wanted.json = words.takeIf("json");
+  if (!takeEnd(words, out)) {
+    return false;
+  }
+  subject->show(sw, wanted, out);
+  return true;
+}
+
+} // namespace orrin

@@ -17,7 +17,7 @@ import traceback
 from dataclasses import dataclass
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
-BIN = pathlib.Path(os.environ.get("MIREL_BIN", ROOT / "build" / "release" / "bin"))
+BIN = pathlib.Path(os.environ.get("MIREL_BIN", ROOT / "build" / "release" / "bin")).resolve()
 AGENT_PROTOCOL = 25
 
 CLONE_NEWNS, CLONE_NEWPID, CLONE_NEWNET = 0x00020000, 0x20000000, 0x40000000
@@ -58,12 +58,14 @@ def _furnish():
     os.chdir(ROOT)
     os.environ.pop("ORRIN_SOCKET", None)
     os.environ.pop("QVPROC_RUN_DIR", None)
+    os.environ["PATH"] = f"{BIN}:/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin"
     subprocess.run(["ip", "link", "set", "lo", "up"], check=True)
 
 
-def start_sandbox(work):
-    """Runs work() as the first process of a sandbox; its result is the exit status. Returns the process to wait for.
-    Killing that process, or the end of the caller, ends everything in the sandbox."""
+def start_sandbox(work, announce=None):
+    """Runs work() as the first process of a sandbox; its result is the exit status. Returns the process to wait for,
+    which passes SIGINT on to work(). Killing it, or the end of the caller, ends everything in the sandbox. announce is
+    told the first process's id as the world outside knows it."""
     sys.stdout.flush()
     sys.stderr.flush()
     keeper = os.fork()
@@ -72,6 +74,8 @@ def start_sandbox(work):
     status = 99
     try:
         _die_with_parent()
+        os.setsid()  # the terminal's Ctrl-C is the caller's to pass on, once
+        signal.signal(signal.SIGINT, signal.default_int_handler)
         _system_call("unshare", CLONE_NEWNS | CLONE_NEWNET | CLONE_NEWPID)
         first = os.fork()
         if first == 0:
@@ -79,8 +83,9 @@ def start_sandbox(work):
             _furnish()
             status = work() or 0
         else:
-            # Ctrl-C reaches the first process too, and it is the one to wind up.
-            signal.signal(signal.SIGINT, signal.SIG_IGN)
+            signal.signal(signal.SIGINT, lambda *_: os.kill(first, signal.SIGINT))
+            if announce:
+                announce(first)
             status = os.waitstatus_to_exitcode(os.waitpid(first, 0)[1])
     except BaseException:  # nothing may unwind into the copy of the caller
         traceback.print_exc()
@@ -178,11 +183,22 @@ def make_vrf(vrf_id, name, links=2):
     return vrf
 
 
+def add_tunnel_devices(vrf):
+    """The devices of routes that leave without a gateway; bridges stand in for them."""
+    ip_batch([line for device in (f"{vrf.name}_stk", "rt_mpls", "rfc5549if")
+              for line in (f"link add {device} type bridge", f"link set {device} up")], ns=vrf.name)
+
+
+def interface_of(vrf, number):
+    """The switch's number of the interface whose device is rt<number>."""
+    return vrf.id * 100 + number
+
+
 def vrf_script(vrf, links=2):
-    """The commands that make the VRF and its interfaces known to the switch: rt<n> is the switch's interface 10 + n."""
-    lines = [f"vrf add {vrf.id} {vrf.name} interface {vrf.name} netns {vrf.name}"]
-    lines += [f"interface add {vrf.id * 100 + n} vrf {vrf.id} name 1/{vrf.id}/{n} device rt{n}" for n in range(1, links + 1)]
-    return lines
+    """The commands that make the VRF and its interfaces known to the switch."""
+    return [f"vrf add {vrf.id} {vrf.name} interface {vrf.name} netns {vrf.name}"] + \
+        [f"interface add {interface_of(vrf, number)} vrf {vrf.id} name 1/{vrf.id}/{number} device rt{number}"
+         for number in range(1, links + 1)]
 
 
 # Processes ---------------------------------------------------------------------------------------------------------
@@ -235,7 +251,7 @@ class Switch(Process):
         super().__init__("orrin", [])
 
     def start(self, *options):
-        self.command = [str(BIN / "orrin"), "--state", self.STATE, *options, str(self.script)]
+        self.command = [str(BIN / "orrin"), "--state", self.STATE, "--script", str(self.script), *options]
         super().start()
         until(self._answers, 10, lambda: f"orrin answers; it said:\n{self.said()}")
 
@@ -279,8 +295,11 @@ class Agent(Process):
         return self.operation("mirelStatsShow").returncode == 0
 
     def operation(self, name, *args):
-        return subprocess.run([str(BIN / "mirelsh"), str(self.vrf.id), name, *map(str, args)], text=True,
-                              capture_output=True, timeout=20)
+        """Its output is text as it is: no line end is translated."""
+        done = subprocess.run([str(BIN / "mirelsh"), str(self.vrf.id), name, *map(str, args)], capture_output=True,
+                              timeout=20)
+        done.stdout, done.stderr = done.stdout.decode(), done.stderr.decode()
+        return done
 
     def sh(self, name, *args):
         done = self.operation(name, *args)
@@ -291,6 +310,26 @@ class Agent(Process):
     def quick(self):
         """Fetches changes on every pass of the loop instead of every ten seconds."""
         self.sh("mirelBestRoutePollTimeSet", 0)
+
+
+@dataclass(frozen=True)
+class System:
+    vrfs: list
+    switch: Switch
+    agents: list
+
+
+def start_system(names=("blue",), script=()):
+    """A running switch with VRFs 3, 4 ... of these names, routing on, and their agents, which fetch at every pass."""
+    vrfs = [make_vrf(number, name) for number, name in enumerate(names, 3)]
+    lines = [line for vrf in vrfs for line in (*vrf_script(vrf), f"vrf set {vrf.id} routing on")]
+    switch = Switch([*lines, *script])
+    switch.start()
+    agents = [Agent(vrf) for vrf in vrfs]
+    for agent in agents:
+        agent.start()
+        agent.quick()
+    return System(vrfs, switch, agents)
 
 
 def differences(vrf=None):

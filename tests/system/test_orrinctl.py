@@ -136,15 +136,9 @@ KINDS = {
 }
 
 
-def blue_with_devices():
-    vrf = labnet.make_vrf(3, "blue")
-    labnet.ip_batch([line for device in ("blue_stk", "rt_mpls", "rfc5549if")
-                     for line in (f"link add {device} type bridge", f"link set {device} up")], ns=vrf.name)
-    return vrf
-
-
 def test_diff_of_every_kind_of_route():
-    vrf = blue_with_devices()
+    vrf = labnet.make_vrf(3, "blue")
+    labnet.add_tunnel_devices(vrf)
     dump, kernel, expected = DUMP, [], ""
     for n, (on_switch, in_kernel, printed) in enumerate(KINDS.values()):
         prefix = f"20.0.{n}.0/24"

@@ -1,0 +1,277 @@
+#!/usr/bin/python3
+"""The lab: a switch with two VRFs whose addresses overlap, an agent for each, and hosts behind them, all in a sandbox.
+
+    ./lab              runs until Ctrl-C and shows how many routes the switch and the kernel hold
+    ./lab --once       waits until both kernels mirror the switch, prints both sides, and ends
+    ./lab exec <...>   runs a command inside the running lab
+"""
+
+import argparse
+import fcntl
+import ipaddress
+import os
+import pathlib
+import shutil
+import signal
+import sys
+import time
+
+import labnet
+
+PID_FILE = pathlib.Path("/run") / f"mirel-lab{str(labnet.ROOT).replace('/', '-')}.pid"
+ONCE_TIMEOUT = 60
+RESTART_AFTER = 2
+QUIET_REPORT_EVERY = 10
+
+# What the switch holds for a VRF beside its interfaces. {a} and {b} are the interfaces behind rt1 and rt2; the two VRFs
+# hold the same prefixes and send them different ways.
+ROUTES = """\
+route add vrf {id} 0.0.0.0/0 via 10.2.0.9 interface {b}
+route add vrf {id} 10.1.0.0/24 local via 10.1.0.1 interface {a}
+route add vrf {id} 10.2.0.0/24 local via 10.2.0.1 interface {b}
+route add vrf {id} 172.16.1.0/24 via 10.1.0.2 interface {a}
+route add vrf {id} 172.16.2.0/24 via 10.2.0.2 interface {b}
+route add vrf {id} 192.0.2.0/24 reject
+route add vrf {id} 192.168.0.0/16 via 10.2.0.7 interface {b} via 10.1.0.7 interface {a} via 10.1.0.8 interface {a}
+route add vrf {id} 203.0.113.0/25 kernel via 10.1.0.4 interface {a}
+route add vrf {id} 203.0.113.128/25 install-kernel via 10.1.0.4 interface {a}
+route add vrf {id} 100.64.0.0/10 via-vrf-device
+route add vrf {id} 100.127.0.0/16 mpls via 10.1.0.5 interface {a}
+route add vrf {id} 100.127.1.0/24 rfc5549 via 10.1.0.6 interface {a}
+"""
+BULK = {3: ["routes add vrf 3 20.0.0.0/24 count 12 via 10.1.0.3 interface {a}",
+            "routes add vrf 3 30.0.0.0/32 count 8 via 10.2.0.3 interface {b}"],
+        7: ["routes add vrf 7 20.0.0.0/24 count 16 via 10.2.0.4 interface {b}",
+            "routes add vrf 7 30.0.0.0/32 count 8 via 10.1.0.4 interface {a}"]}
+
+
+def switch_script(vrf):
+    a, b = (labnet.interface_of(vrf, number) for number in (1, 2))
+    lines = labnet.vrf_script(vrf) + ROUTES.format(id=vrf.id, a=a, b=b).splitlines()
+    lines += [line.format(a=a, b=b) for line in BULK[vrf.id]]
+    return lines + [f"vrf set {vrf.id} routing on"]
+
+
+class Lab:
+    def __init__(self):
+        self.vrfs = [labnet.make_vrf(3, "blue"), labnet.make_vrf(7, "red")]
+        for vrf in self.vrfs:
+            labnet.add_tunnel_devices(vrf)
+        self.switch = labnet.Switch([line for vrf in self.vrfs for line in switch_script(vrf)])
+        self.agents = [labnet.Agent(vrf) for vrf in self.vrfs]
+        self.ended = {}
+
+    def start(self):
+        self.switch.start()
+        for agent in self.agents:
+            agent.start()
+            self.settle(agent)
+
+    @staticmethod
+    def settle(agent):
+        # Changes show within a second here instead of the ten that an agent waits by itself.
+        agent.sh("mirelBestRoutePollTimeSet", 1)
+
+    def stop(self):
+        for process in [*self.agents, self.switch]:
+            if process.running():
+                process.kill(signal.SIGTERM)
+
+    def revive(self, say):
+        """Starts again what ended, as the supervisor of a switch does."""
+        for process in [self.switch, *self.agents]:
+            if process.running():
+                continue
+            now = time.monotonic()
+            if now - self.ended.setdefault(process.name, now) < RESTART_AFTER:
+                continue
+            say(f"{process.name} ended with {process.child.returncode}; starting it again")
+            self.ended.pop(process.name)
+            try:
+                process.start()
+                if process in self.agents:
+                    self.settle(process)
+            except (TimeoutError, RuntimeError) as error:
+                say(str(error))
+
+
+# Showing -----------------------------------------------------------------------------------------------------------
+
+
+def counts():
+    """One row a VRF, from `orrinctl diff summary`; none while the switch does not answer."""
+    rows = []
+    for line in labnet.orrinctl("diff", "summary").stdout.splitlines():
+        _, number, name, _, switch, _, wanted, _, kernel, _, different = line.split()
+        rows.append((f"{number} {name}", int(switch), int(wanted), int(kernel), int(different)))
+    return rows
+
+
+class Live:
+    """The counts as a table that stays in its place on a terminal, else as a line whenever they change."""
+
+    HEAD = ("VRF", "switch holds", "for the kernel", "kernel holds", "different")
+
+    def __init__(self):
+        self.terminal = sys.stdout.isatty()
+        self.drawn = 0
+        self.last = None
+        self.last_time = 0.0
+
+    def say(self, text):
+        print(text, flush=True)
+        self.drawn = 0
+
+    def show(self, rows):
+        if self.terminal:
+            lines = ["{:<12}{:>16}{:>16}{:>16}{:>12}".format(*row) for row in (self.HEAD, *rows)]
+            back = f"\x1b[{self.drawn}A" if self.drawn else ""
+            sys.stdout.write(back + "".join(f"\x1b[2K{line}\n" for line in lines))
+            sys.stdout.flush()
+            self.drawn = len(lines)
+        elif rows != self.last or time.monotonic() - self.last_time > QUIET_REPORT_EVERY:
+            self.say("; ".join(f"vrf {name}: switch {switch}, for the kernel {wanted}, kernel {kernel}, different {different}"
+                               for name, switch, wanted, kernel, different in rows) or "the switch does not answer")
+            self.last_time = time.monotonic()
+        self.last = rows
+
+
+def switch_side(vrf):
+    """prefix -> what the switch says of it."""
+    sides = {}
+    for line in labnet.orrinctl("dump", "vrf", vrf.id).stdout.splitlines():
+        words = line.split()
+        if words[:2] == ["route", "add"]:
+            sides[words[4]] = " ".join(words[5:])
+    return sides
+
+
+def kernel_side(vrf):
+    """prefix -> how the kernel shows it, whoever put it there."""
+    sides = {}
+    for route in vrf.routes():
+        prefix = "0.0.0.0/0" if route["dst"] == "default" else route["dst"]
+        prefix = prefix if "/" in prefix else f"{prefix}/32"
+        words = [route["type"]] if "type" in route else []
+        words += [f"via {route['gateway']}"] if "gateway" in route else []
+        words += [f"dev {route['dev']}"] if "dev" in route and "type" not in route else []
+        words += [f"({route['protocol']})"] if route.get("protocol") != str(labnet.AGENT_PROTOCOL) else []
+        sides[prefix] = " ".join(words)
+    return sides
+
+
+def print_side_by_side(vrf):
+    switch, kernel = switch_side(vrf), kernel_side(vrf)
+    prefixes = sorted({*switch, *kernel}, key=ipaddress.ip_network)
+    width = max([len(text) for text in switch.values()] + [20])
+    print(f"\nVRF {vrf.id} {vrf.name}\n{'prefix':<20}{'switch':<{width + 2}}kernel")
+    for prefix in prefixes:
+        print(f"{prefix:<20}{switch.get(prefix, '-'):<{width + 2}}{kernel.get(prefix, '-')}")
+
+
+# Running -----------------------------------------------------------------------------------------------------------
+
+
+def run_once():
+    lab = Lab()
+    started = time.monotonic()
+    try:
+        lab.start()
+        for vrf in lab.vrfs:
+            labnet.until_mirrored(vrf, max(0, started + ONCE_TIMEOUT - time.monotonic()))
+        for vrf in lab.vrfs:
+            print_side_by_side(vrf)
+        print(f"\nboth kernels mirror the switch, {time.monotonic() - started:.1f} s after the start")
+        return 0
+    except (TimeoutError, RuntimeError) as error:
+        print(f"lab: {error}", file=sys.stderr)
+        return 1
+    finally:
+        lab.stop()
+
+
+INTRODUCTION = """\
+The switch and its two agents are running. From another terminal:
+  ./lab exec orrinctl show routes vrf 3
+  ./lab exec orrinctl route add vrf 3 198.51.100.0/24 via 10.1.0.2 interface {a}
+  ./lab exec orrinctl routes add vrf 7 60.0.0.0/32 count 100000 via 10.1.0.2 interface {b}
+  ./lab exec orrinctl diff
+  ./lab exec ip -n blue route
+  ./lab exec mirelsh 3 mirelStatsShow
+  ./lab exec ip netns exec blue-h2 bash        a host behind VRF blue
+  ./lab exec kill -9 {pid}                         an agent; the lab starts again what ended
+The agents fetch changes every second here (mirelBestRoutePollTimeSet); the default is ten. Ctrl-C ends the lab.
+"""
+
+
+def run_live():
+    lab = Lab()
+    live = Live()
+    try:
+        lab.start()
+        live.say(INTRODUCTION.format(a=labnet.interface_of(lab.vrfs[0], 1), b=labnet.interface_of(lab.vrfs[1], 1),
+                                     pid=lab.agents[0].pid))
+        while True:
+            began = time.monotonic()
+            live.show(counts())
+            # Counting a million routes takes a while: most of the processor stays with the agents.
+            time.sleep(max(1.0, 3 * (time.monotonic() - began)))
+            lab.revive(live.say)
+    except KeyboardInterrupt:
+        print("\nending")
+        return 0
+    except (TimeoutError, RuntimeError) as error:
+        print(f"lab: {error}", file=sys.stderr)
+        return 1
+    finally:
+        signal.signal(signal.SIGINT, signal.SIG_IGN)
+        lab.stop()
+
+
+def lock_pid_file(how):
+    """The lab's pid file, locked as long as the lab runs. None when someone else holds the lock."""
+    handle = os.open(PID_FILE, os.O_RDWR | os.O_CREAT | os.O_CLOEXEC, 0o600)
+    try:
+        fcntl.flock(handle, how | fcntl.LOCK_NB)
+    except BlockingIOError:
+        os.close(handle)
+        return None
+    return handle
+
+
+def exec_inside(command):
+    if not PID_FILE.exists() or lock_pid_file(fcntl.LOCK_SH) is not None:
+        sys.exit("lab: not running; start it with ./lab in another terminal")
+    if not command:
+        sys.exit("usage: ./lab exec <command> ...")
+    pid = PID_FILE.read_text().strip()
+    os.environ["PATH"] = f"{labnet.BIN}:{os.environ['PATH']}:/usr/sbin:/sbin"
+    os.execvp("nsenter", ["nsenter", "--target", pid, "--mount", "--net", "--pid", "--", *command])
+
+
+def main():
+    if sys.argv[1:2] == ["exec"]:
+        exec_inside(sys.argv[2:])
+    parser = argparse.ArgumentParser(prog="./lab", description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("--once", action="store_true", help="wait for the mirror, print it, end")
+    options = parser.parse_args()
+
+    if os.geteuid() != 0:
+        sys.exit("lab: needs root, to make namespaces")
+    missing = [program for program in ("ip", "ifconfig", "nsenter") if not shutil.which(program, path="/usr/sbin:/usr/bin:/sbin:/bin")]
+    if missing:
+        sys.exit(f"lab: missing: {', '.join(missing)}; run scripts/install")
+    handle = lock_pid_file(fcntl.LOCK_EX)
+    if handle is None:
+        sys.exit("lab: already running from this folder")
+
+    sandbox = labnet.start_sandbox(run_once if options.once else run_live, lambda pid: os.pwrite(handle, f"{pid}\n".encode(), 0))
+    for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
+        signal.signal(number, lambda *_: os.kill(sandbox, signal.SIGINT))
+    status = os.waitstatus_to_exitcode(os.waitpid(sandbox, 0)[1])
+    PID_FILE.unlink(missing_ok=True)
+    return status
+
+
+if __name__ == "__main__":
+    sys.exit(main())

@@ -1,0 +1,120 @@
+"""What an operator sees of a running agent: its debug operations, its appetite, its command line and its binary."""
+
+import os
+import re
+import subprocess
+import time
+
+import labnet
+from labnet import until, until_mirrored
+
+VIA_1 = "via 10.1.0.2 interface 301"
+
+STATS = """
+#### mirel stats ####
+Arp Req Errors:            0 
+Arp Reqs:                  0 
+Arp Resolve Errors:        0 
+Arp Resolves:              0 
+Kernel Arp Adds received:  0 
+Kernel Arp Dels received:  0 
+Kernel Arp Adds processed: 0 
+Kernel Arp Dels processed:  0 
+Routes Added:              {added} 
+Route Add Errors:          0 
+Routes Deleted:            {deleted} 
+Route Delete Errors:       0 
+Routes Modified:           {modified} 
+Route Modify Errors:       0 
+RPC Errors:                0 
+Stack errors:              0 
+Active Routes:             {active} 
+Rtr Event Client Timeouts: 0 
+Best Rt Client Timeouts:   0 
+"""
+
+
+def test_statistics_after_a_known_number_of_routes():
+    system = labnet.start_system()
+    blue, agent, ctl = system.vrfs[0], system.agents[0], system.switch.ctl
+    assert agent.sh("mirelStatsShow") == STATS.format(added=0, deleted=0, modified=0, active=0)
+
+    # A local route counts as added although the kernel never sees it.
+    ctl(*f"routes add vrf 3 20.0.0.0/24 count 120 {VIA_1}".split())
+    ctl(*"route add vrf 3 10.1.0.0/24 local via 10.1.0.1 interface 301".split())
+    until_mirrored(blue)
+    ctl(*"routes modify vrf 3 20.0.0.0/24 count 30 via 10.2.0.2 interface 302".split())
+    until_mirrored(blue)
+    ctl(*"routes del vrf 3 20.0.0.0/24 count 20".split())
+    until_mirrored(blue)
+    assert agent.sh("mirelStatsShow") == STATS.format(added=121, deleted=20, modified=30, active=101)
+
+    agent.sh("mirelStatsClear")
+    assert agent.sh("mirelStatsShow") == STATS.format(added=0, deleted=0, modified=0, active=101)
+
+
+def test_settings_and_refusals():
+    system = labnet.start_system()
+    agent = system.agents[0]
+    agent.sh("mirelBestRoutePollTimeSet", 7)
+    agent.sh("mirelBestRouteApplyTimeSet", "0x20")
+    agent.sh("rtoDebugEnableAll")
+    assert agent.sh("rtoDebugMaskGet") == "15\n"
+    assert agent.sh("rtoDebugMaskSet", 15) == "\r\nAlready Enabled"
+    shown = agent.sh("mirelBestRouteClientShow")
+    assert "mirelBestRoutePollTime  : 7\n" in shown and "mirelBestRouteApplyTime : 32\n" in shown
+    assert re.search(r"^brc_client_id             : [1-9]\d*$", shown, re.MULTILINE)
+    assert agent.sh("mirelEventCountShow", 0).count("TARNR_") == 17
+
+    for words in (["noSuchOperation"], ["mirelBestRoutePollTimeSet"], ["mirelBestRoutePollTimeSet", "soon"]):
+        assert agent.operation(*words).returncode != 0, words
+    nobody = subprocess.run([labnet.BIN / "mirelsh", "99", "mirelStatsShow"], capture_output=True, text=True)
+    assert nobody.returncode != 0 and nobody.stderr
+    assert agent.running()
+
+
+def test_slow_reader_does_not_stop_the_agent():
+    """An operator who looks at a page and does not scroll on: more output than any pipe holds, and nobody reads it."""
+    system = labnet.start_system()
+    blue, agent = system.vrfs[0], system.agents[0]
+    slow = subprocess.Popen([labnet.BIN / "mirelsh", "3", "mirelIntIfInfoShow", "0"], stdout=subprocess.PIPE, text=True)
+    assert slow.stdout.readline() == "\n"
+
+    system.switch.ctl(*f"routes add vrf 3 20.0.0.0/24 count 200 {VIA_1}".split())
+    until_mirrored(blue)
+    assert "Routes Added:              200 \n" in agent.sh("mirelStatsShow")
+    rest = slow.stdout.read()
+    assert slow.wait(10) == 0
+    assert rest.count("Interface(intIfNum)") == 1033
+
+
+def processor_ticks(pid):
+    fields = open(f"/proc/{pid}/stat").read().rpartition(")")[2].split()
+    return int(fields[11]) + int(fields[12])
+
+
+def test_idle_agent_uses_no_processor_time():
+    system = labnet.start_system(script=[f"routes add vrf 3 20.0.0.0/24 count 1000 {VIA_1}"])
+    agent = system.agents[0]
+    until_mirrored(system.vrfs[0])
+    agent.sh("mirelBestRoutePollTimeSet", 10)
+    before, began = processor_ticks(agent.pid), time.monotonic()
+    until(lambda: time.monotonic() - began > 3, 10, "three idle seconds")
+    assert processor_ticks(agent.pid) - before <= 3 * os.sysconf("SC_CLK_TCK") // 100
+
+
+def test_without_an_argument():
+    done = subprocess.run([labnet.BIN / "mirel"], capture_output=True, text=True, timeout=10)
+    assert (done.returncode, done.stdout) == (1, "")
+    assert "usage" in done.stderr.lower()
+
+
+def test_the_binary_exports_five_functions_and_lets_the_libraries_be_replaced():
+    mirel = labnet.BIN / "mirel"
+    functions = {line.split()[-1] for line in labnet.run("nm", "-D", "--defined-only", mirel).splitlines()
+                 if line.split()[-2] in "TtWwi"}
+    assert functions == {"osapiSemaMCreateTrack", "osapiSemaCCreateTrack", "osapiSemaTake", "osapiSemaGive", "osapiSemaDelete"}
+    dynamic = labnet.run("readelf", "-dW", mirel)
+    assert "(RUNPATH)" in dynamic and "(RPATH)" not in dynamic
+    needed = set(re.findall(r"\(NEEDED\).*\[(.*)\]", dynamic))
+    assert {"libtarnapi.so", "libqvproc.so"} <= needed

@@ -6,6 +6,7 @@ stage that ran no test at all: silence must never look like success.
 """
 
 import argparse
+import os
 import pathlib
 import subprocess
 import sys
@@ -28,14 +29,14 @@ class Tally:
         return f"{self.passed} passed, {self.failed} failed"
 
 
-def run(name, command):
+def run(name, command, **environment):
     """Runs one step with its output in a log file, shown only when the step fails."""
     log = LOGS / f"{name}.log"
     started = time.monotonic()
     with log.open("wb") as out:
         try:
             status = subprocess.run(command, cwd=ROOT, stdin=subprocess.DEVNULL, stdout=out, stderr=out,
-                                    timeout=STEP_TIMEOUT).returncode
+                                    env={**os.environ, **environment}, timeout=STEP_TIMEOUT).returncode
         except subprocess.TimeoutExpired:
             status = 124
             out.write(f"\nended: longer than {STEP_TIMEOUT} s\n".encode())
@@ -60,9 +61,9 @@ def count(report):
     return tally
 
 
-def run_tests(name, command, report):
+def run_tests(name, command, report, **environment):
     report.unlink(missing_ok=True)
-    good = run(name, command)
+    good = run(name, command, **environment)
     tally = count(report)
     if tally.failed == 0 and (not good or tally.passed == 0):
         print(f"  {name}: no test ran" if good else f"  {name}: the runner itself failed")
@@ -77,25 +78,27 @@ def unrandomised():
     return prefix if works else []
 
 
-def build(preset, prefix=()):
+def build(preset, prefix):
     return run(f"{preset}-configure", [*prefix, "cmake", "--preset", preset]) and \
         run(f"{preset}-build", [*prefix, "cmake", "--build", "--preset", preset])
 
 
-def ctest(preset):
+def test(preset):
+    """Every test of one configuration: ctest runs those in C++, pytest those of the whole system."""
     prefix = unrandomised() if preset == "tsan" else []
     if not build(preset, prefix):
         return Tally(failed=1)
+    # A report of the thread sanitizer must end the process, or nobody looks at it.
+    environment = {"TSAN_OPTIONS": "halt_on_error=1", "MIREL_BIN": str(ROOT / "build" / preset / "bin")}
     report = LOGS / f"{preset}-tests.xml"
-    return run_tests(f"{preset}-tests",
-                     [*prefix, "ctest", "--test-dir", f"build/{preset}", "--output-on-failure",
-                      "--timeout", str(TEST_TIMEOUT), "--output-junit", str(report)], report)
-
-
-def system_tests():
-    report = LOGS / "system-tests.xml"
-    return run_tests("system-tests", ["/usr/bin/python3", "-m", "pytest", "-q", "-p", "no:cacheprovider",
-                                      f"--junit-xml={report}", "tests/system"], report)
+    total = run_tests(f"{preset}-tests",
+                      [*prefix, "ctest", "--test-dir", f"build/{preset}", "--output-on-failure",
+                       "--timeout", str(TEST_TIMEOUT), "--output-junit", str(report)], report, **environment)
+    report = LOGS / f"{preset}-system-tests.xml"
+    system = run_tests(f"{preset}-system-tests",
+                       [*prefix, "/usr/bin/python3", "-m", "pytest", "-q", "-p", "no:cacheprovider",
+                        f"--junit-xml={report}", "tests/system"], report, **environment)
+    return Tally(total.passed + system.passed, total.failed + system.failed)
 
 
 def main():
@@ -104,18 +107,14 @@ def main():
     options = parser.parse_args()
 
     LOGS.mkdir(parents=True, exist_ok=True)
-    stages = [("release", lambda: ctest("release")), ("system", system_tests),
-              ("asan-ubsan", lambda: ctest("asan-ubsan")), ("tsan", lambda: ctest("tsan"))]
-    if options.all:
-        stages.append(("clang", lambda: ctest("clang")))
-
+    presets = ["release", "asan-ubsan", "tsan"] + (["clang"] if options.all else [])
     total = Tally()
     results = []
-    for name, stage in stages:
-        print(f"{name}:", flush=True)
+    for preset in presets:
+        print(f"{preset}:", flush=True)
         started = time.monotonic()
-        tally = stage()
-        results.append(f"{name:<12} {tally}  ({time.monotonic() - started:.0f} s)")
+        tally = test(preset)
+        results.append(f"{preset:<12} {tally}  ({time.monotonic() - started:.0f} s)")
         total.passed += tally.passed
         total.failed += tally.failed
 

@@ -81,7 +81,7 @@ TEST(Loop, BestRouteDatagrams) {
       {{std::string(1, '\n')}, "1 1000", false}, // the first byte of type 10
       {{std::string(1, '\0')}, "1 1000", false},
       {{""}, "0 1000", true},
-      {{datagram(10, 300), one}, "1 1005", false}, // nothing is left of the longer one
+      {{datagram(300, 300), one}, "1 1005", false}, // nothing is left of the longer one
       {{"", datagram(1, 8)}, "0 1005", true},
   };
   for (const Case &row : cases) {

@@ -110,6 +110,7 @@ TEST_F(RouteFlushTest, Reads) {
        false, flapOf("rt2")},
       {"last name counts", upLink(name("rt1") + name("rt2")), false, flapOf("rt2")},
       {"last name counts, and is no router link", upLink(name("rt1") + name("eth0")), false, {}},
+      {"last name is all of the name", upLink(name("port7") + attribute(IFLA_IFNAME, "lo")), false, {}},
       {"name without NUL", upLink(attribute(IFLA_IFNAME, "rt5")), false, flapOf("rt5")},
       {"no name", link(9, IFF_UP, attribute(IFLA_MTU, "1234")), false, {noName + "9"}},
       {"no attributes", link(9, IFF_UP, {}), false, {noName + "9"}},
@@ -127,7 +128,9 @@ TEST_F(RouteFlushTest, Reads) {
       {"another type", message(RTM_NEWADDR, zeros(8)), false, {badType + "20, length 24"}},
       {"nothing", {}, false, {}},
       {"less than a header", zeros(15), false, {}},
+      {"length of the read", claiming(40, upLink(name("rt1"))), false, flapOf("rt1")},
       {"length below a header", claiming(15, upLink(name("rt1"))), false, {}},
+      {"length just above the read", claiming(45, upLink(name("rt1"))), false, {}},
       {"length above the read", claiming(4096, upLink(name("rt1"))), false, {}},
       {"second message cut", upLink(name("rt1")) + cut(4, upLink(name("rt2"))), false, flapOf("rt1")},
   };

@@ -92,7 +92,10 @@ int32_t mutexTake(osapiSema *sema, int32_t timeout) {
 }
 
 int32_t mutexGive(osapiSema *sema) {
-  if (ownedByCaller(sema) && --sema->depth == 0) {
+  if (!ownedByCaller(sema)) {
+    return SEMA_FAILED;
+  }
+  if (--sema->depth == 0) {
     sema->owner.store(pthread_t{}, std::memory_order_relaxed);
   }
   return resultOf(pthread_mutex_unlock(&sema->mutex));

@@ -84,23 +84,23 @@ DevshellOutcome refused(std::string message) {
 DevshellOutcome devshellRun(std::span<const char> request) {
   Arguments arguments;
   if (!split(request, arguments)) {
-    return refused("malformed request\n");
+    return refused("malformed request");
   }
   const Operation *operation = find(registered(), arguments.values[0]);
   if (operation == nullptr) {
-    return refused("unknown operation; \"help\" lists the known ones\n");
+    return refused("unknown operation; \"help\" lists the known ones");
   }
   OutputCapture capture;
   if (!capture) {
-    return refused("no memory file for the output: " + std::string(strerror(errno)) + "\n");
+    return refused("no memory file for the output: " + std::string(strerror(errno)));
   }
   const int32_t status = operation->command(arguments.count, arguments.values.data());
   UniqueFd output = capture.finish();
   std::string message;
   if (status == DEVSHELL_BAD_ARGUMENTS) {
-    message = "usage: " + usageOf(*operation) + "\n";
+    message = "usage: " + usageOf(*operation);
   } else if (status != DEVSHELL_DONE) {
-    message = std::string(operation->name) + " returned " + std::to_string(status) + "\n";
+    message = std::string(operation->name) + " returned " + std::to_string(status);
   }
   return {status, std::move(output), std::move(message)};
 }

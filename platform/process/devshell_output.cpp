@@ -31,7 +31,22 @@ thread_local Capture threadCapture;
 FILE *programStream = nullptr; // what stdout was
 FILE *shellStream = nullptr;   // what stdout is
 std::array<char, BUFSIZ> streamBuffer;
-std::atomic<bool> operationRuns{false};
+
+// Where the stream's lock is held. The lock is all that is needed; the counter tells the thread sanitizer of it, which does not
+// know locks of streams.
+class StreamTurn {
+public:
+  StreamTurn() { pass(); }
+  StreamTurn(const StreamTurn &) = delete;
+  StreamTurn &operator=(const StreamTurn &) = delete;
+  ~StreamTurn() { pass(); }
+
+private:
+  static void pass() { turns.fetch_add(1, std::memory_order_acq_rel); }
+  static inline std::atomic<uint32_t> turns{0};
+};
+
+bool operationRuns = false; // changed and read in a turn
 
 bool writeWhole(int fd, const char *bytes, size_t size) {
   while (size > 0) {
@@ -50,29 +65,36 @@ bool writeWhole(int fd, const char *bytes, size_t size) {
 
 // The stream's lock is held. Outside an operation the text may be several threads', and all of it is the program's.
 ssize_t streamWrite(void *, const char *bytes, size_t size) {
+  const StreamTurn turn;
   Capture &capture = threadCapture;
   if (capture.memory >= 0) {
     const size_t kept = std::min<uint64_t>(size, CAPTURE_BYTES_MAX - capture.bytes);
     capture.bytes += kept;
     return writeWhole(capture.memory, bytes, kept) ? static_cast<ssize_t>(size) : 0;
   }
-  const bool passed = operationRuns.load(std::memory_order_relaxed) ? fwrite(bytes, 1, size, programStream) == size
-                                                                    : writeWhole(STDOUT_FILENO, bytes, size);
+  const bool passed =
+      operationRuns ? fwrite(bytes, 1, size, programStream) == size : writeWhole(STDOUT_FILENO, bytes, size);
   return passed ? static_cast<ssize_t>(size) : 0;
 }
 
 void operationBegins() {
   flockfile(shellStream);
-  setvbuf(shellStream, nullptr, _IONBF, 0); // sends out what waits in the buffer
-  operationRuns.store(true, std::memory_order_relaxed);
+  {
+    const StreamTurn turn;
+    setvbuf(shellStream, nullptr, _IONBF, 0); // sends out what waits in the buffer
+    operationRuns = true;
+  }
   funlockfile(shellStream);
 }
 
 void operationEnds() {
   flockfile(shellStream);
-  fflush(programStream);
-  operationRuns.store(false, std::memory_order_relaxed);
-  setvbuf(shellStream, streamBuffer.data(), _IOLBF, streamBuffer.size());
+  {
+    const StreamTurn turn;
+    fflush(programStream);
+    operationRuns = false;
+    setvbuf(shellStream, streamBuffer.data(), _IOLBF, streamBuffer.size());
+  }
   funlockfile(shellStream);
 }
 

@@ -2,7 +2,7 @@
 //
 // Request: one packet, the operation's name and its arguments, each with its NUL.
 // Answer: one packet that is a DevshellAnswer, then `output` bytes for standard output and `message` bytes for standard
-// error, in packets of at most DEVSHELL_CHUNK_MAX; a packet never holds some of both. The connection ends after that.
+// error (without a line end), in packets of at most DEVSHELL_CHUNK_MAX; no packet holds some of both. Then the connection ends.
 #pragma once
 
 #include <cstdint>

@@ -26,8 +26,8 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
-constexpr milliseconds REQUEST_TIME{5000}; // from connection to request
-constexpr milliseconds ANSWER_TIME{5000};  // to take the whole answer
+constexpr milliseconds REQUEST_TIME{2000}; // from connection to request
+constexpr milliseconds ANSWER_TIME{2000};  // to take the whole answer
 constexpr milliseconds NO_DESCRIPTOR_PAUSE{200};
 constexpr size_t WAITING_MAX = 16; // connections without a request; further ones stay in the kernel's queue
 constexpr int CONNECTION_QUEUE = 128;
@@ -97,7 +97,7 @@ void serve(UniqueFd fd) {
     return;
   }
   if (static_cast<size_t>(length) > request.size()) {
-    answer(fd.get(), {DEVSHELL_REFUSED, {}, "request too long\n"});
+    answer(fd.get(), {DEVSHELL_REFUSED, {}, "request too long"});
     return;
   }
   answer(fd.get(), devshellRun({request.data(), static_cast<size_t>(length)}));

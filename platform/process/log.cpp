@@ -78,7 +78,7 @@ void writeOut(const Line &line) {
 extern "C" int32_t qvproc_logf(uint32_t severity, uint32_t component, const char *file, uint32_t line,
                                const char *format, ...) {
   const int callersErrno = errno;
-  static const bool underJournal = getenv("JOURNAL_STREAM") != nullptr;
+  const bool underJournal = getenv("JOURNAL_STREAM") != nullptr;
   const uint32_t level = std::min<uint32_t>(severity, SEVERITY_NAMES.size() - 1);
 
   Line record;

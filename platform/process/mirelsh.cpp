@@ -141,17 +141,18 @@ bool receivePacket(int fd, std::vector<char> &packet) {
   return length > 0;
 }
 
-// Passes `left` bytes of the answer on to a stream.
-bool passOn(int fd, uint64_t left, FILE *stream) {
+// The next `size` bytes of the answer. They are taken in full before anything is printed: the agent does not wait for a
+// reader of ours that stops, a pager for example.
+std::optional<std::string> receiveText(int fd, uint64_t size) {
+  std::string text;
   std::vector<char> packet;
-  while (left > 0) {
-    if (!receivePacket(fd, packet) || packet.size() > left ||
-        fwrite(packet.data(), 1, packet.size(), stream) != packet.size()) {
-      return false;
+  while (text.size() < size) {
+    if (!receivePacket(fd, packet) || packet.size() > size - text.size()) {
+      return std::nullopt;
     }
-    left -= packet.size();
+    text.append(packet.data(), packet.size());
   }
-  return fflush(stream) == 0;
+  return text;
 }
 
 int run(const Agent &agent, const std::string &request) {
@@ -169,15 +170,15 @@ int run(const Agent &agent, const std::string &request) {
     return fail(who + " does not answer");
   }
   memcpy(&answer, packet.data(), sizeof answer);
-  if (!passOn(fd.get(), answer.output, stdout)) {
-    return fail("the output is incomplete");
+  const std::optional<std::string> output = receiveText(fd.get(), answer.output);
+  const std::optional<std::string> message = output ? receiveText(fd.get(), answer.message) : std::nullopt;
+  if (!message) {
+    return fail(who + " broke off its answer");
   }
-  if (answer.status == DEVSHELL_DONE) {
-    return 0;
+  if (fwrite(output->data(), 1, output->size(), stdout) != output->size() || fflush(stdout) != 0) {
+    return fail(std::string("cannot print: ") + strerror(errno));
   }
-  fputs("mirelsh: ", stderr);
-  passOn(fd.get(), answer.message, stderr);
-  return EXIT_FAILED;
+  return answer.status == DEVSHELL_DONE ? 0 : fail(*message);
 }
 
 std::optional<Agent> agentOfVrf(uint32_t vrf, std::string &problem) {

@@ -1,8 +1,11 @@
 // The debug operations, run as the debug shell runs them.
 
 #include "core_test.h"
+#include "mirel_best_route.h"
 #include "mirel_debug.h"
+#include "mirel_router_table.h"
 
+#include <atomic>
 #include <set>
 
 namespace {
@@ -220,6 +223,36 @@ TEST_F(DebugTest, BadArgumentsChangeNothing) {
   }
   EXPECT_EQ(mirelDebugFlags, 0u);
   EXPECT_EQ(mirelBestRoutePollTime, 10u);
+}
+
+// The shell runs operations on its own thread; the thread sanitizer watches what both touch.
+TEST_F(DebugTest, OperationsWhileTheMainThreadWorks) {
+  mirelIntIfInfoAllocate();
+  const std::unique_ptr<MirelIntIfInfo[]> table(mirelIntIfInfoTable);
+  std::atomic<int> rounds = 0;
+  testing::internal::CaptureStdout();
+  std::thread shell([&rounds] {
+    for (; rounds < 20; ++rounds) {
+      for (const char *line : {"mirelStatsShow", "mirelStatsClear", "mirelIntIfInfoShow 5", "mirelBestRouteClientShow",
+                               "mirelRouterEventClientShow", "mirelEventCountShow 0", "mirelBestRoutePollTimeSet 3",
+                               "rtoDebugEnableAll"}) {
+        scripted::run(line);
+      }
+    }
+  });
+  for (uint32_t i = 0; rounds < 20; ++i) {
+    mirelIntfParmsPopulate(5);
+    mirelEventCountIncrement(i);
+    RppiEventMsg change{};
+    change.msgType = TARNR_BEST_ROUTE_CHANGE;
+    mirelBestRouteMsgProcess(change);
+    mirelBestRoutesProcess();
+    mirelIntIfInfoClear(5);
+  }
+  shell.join();
+  testing::internal::GetCapturedStdout();
+  mirelIntIfInfoTable = nullptr;
+  EXPECT_EQ(rtoDebugMask, 15u);
 }
 
 } // namespace

@@ -3,6 +3,7 @@
 
 #include "switch.h"
 
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -34,6 +35,18 @@ void appendConfig(Switch &sw, const Vrf *only, bool runs, std::string &out);
 // What the state folder keeps: the configuration and the registrations.
 bool writeState(Switch &sw, std::string &error);
 
+// The tables of commands_*.cpp.
+std::span<const Command> switchCommands();
+std::span<const Command> interfaceCommands();
+std::span<const Command> routeCommands();
+std::span<const Command> faultCommands();
+std::span<const Command> clientCommands();
+
+// For handlers: a refusal with its reason, and words that several of them read.
+bool refuse(std::string &out, std::string text);
+std::string notTheWord(std::string_view word, std::string_view wanted);
+// One of two words: `value` is true for the first.
+bool takeEither(Words &words, std::string_view yes, std::string_view no, bool &value, std::string &out);
 // "vrf <id>" if it is there, and nothing more; `only` is null without it.
 bool takeVrfFilter(Switch &sw, Words &words, const Vrf *&only, std::string &out);
 bool takeVrf(Switch &sw, Words &words, Vrf *&vrf, std::string &out);

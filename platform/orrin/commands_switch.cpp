@@ -1,0 +1,137 @@
+// Commands about VRFs, the system and keep-alives. Used by orrin's one thread.
+
+#include "commands.h"
+
+#include "clients.h"
+#include "restart_record.h"
+#include "routes.h"
+
+#include <climits>
+
+namespace orrin {
+
+namespace {
+
+constexpr uint32_t LONGEST_PERIOD = 86400; // seconds
+
+// vrf ...
+
+bool vrfAdd(Switch &sw, Words &words, std::string &out) {
+  Vrf vrf;
+  if (!takeNumber(words, "vrf", vrf.id, out) || !takeName(words, "name", VRF_NAME_MAX, vrf.name, out)) {
+    return false;
+  }
+  vrf.interfaceName = "vrf" + std::to_string(vrf.id);
+  if (words.takeIf("interface") && !takeName(words, "interface", VRF_INTERFACE_NAME_MAX, vrf.interfaceName, out)) {
+    return false;
+  }
+  if (words.takeIf("netns") && !takeName(words, "netns", PATH_MAX, vrf.netns, out)) {
+    return false;
+  }
+  if (!takeEnd(words, out)) {
+    return false;
+  }
+  for (const auto &[id, other] : sw.vrfs) {
+    if (id == vrf.id || other.name == vrf.name) {
+      return refuse(out, "there is a VRF " + std::to_string(id) + " \"" + other.name + "\" already");
+    }
+  }
+  std::string error;
+  if (!createRestartRecord(vrf.id, error)) {
+    return refuse(out, error);
+  }
+  sw.page.vrf(vrf);
+  sw.vrfs[vrf.id] = std::move(vrf);
+  return true;
+}
+
+bool vrfDel(Switch &sw, Words &words, std::string &out) {
+  Vrf *vrf = nullptr;
+  if (!takeVrf(sw, words, vrf, out) || !takeEnd(words, out)) {
+    return false;
+  }
+  forgetClients(sw, vrf->id);
+  removeAllRoutes(sw, *vrf);
+  for (const auto &[number, interface] : sw.interfaces) {
+    if (interface.vrf == vrf->id) {
+      sw.page.interfaceGone(number);
+    }
+  }
+  std::erase_if(sw.interfaces, [vrf](const auto &entry) { return entry.second.vrf == vrf->id; });
+  sw.page.vrfGone(vrf->id);
+  removeRestartRecord(vrf->id);
+  sw.vrfs.erase(vrf->id);
+  return true;
+}
+
+bool vrfSet(Switch &sw, Words &words, std::string &out) {
+  Vrf *vrf = nullptr;
+  bool on = false;
+  if (!takeVrf(sw, words, vrf, out) || !takeKeyword(words, "routing", out) ||
+      !takeEither(words, "on", "off", on, out) || !takeEnd(words, out)) {
+    return false;
+  }
+  vrf->routing = on;
+  return true;
+}
+
+bool systemReady(Switch &sw, Words &words, std::string &out) {
+  bool ready = false;
+  if (!takeEither(words, "ready", "not-ready", ready, out) || !takeEnd(words, out)) {
+    return false;
+  }
+  sw.systemReady = ready;
+  sw.page.systemReady(ready);
+  return true;
+}
+
+// keepalive ...
+
+bool keepalivePeriod(Switch &sw, Words &words, std::string &out) {
+  uint32_t seconds = 0;
+  if (!takeNumber(words, "period", seconds, out) || !takeEnd(words, out)) {
+    return false;
+  }
+  if (seconds == 0 || seconds > LONGEST_PERIOD) {
+    return refuse(out, "period: 1 to " + std::to_string(LONGEST_PERIOD) + " seconds");
+  }
+  sw.keepalivePeriod = seconds;
+  sw.keepaliveDueMs = 0; // at once, then in the new rhythm
+  return true;
+}
+
+bool setKeepaliveHold(Switch &sw, Words &words, bool held, std::string &out) {
+  Vrf *vrf = nullptr;
+  const bool one = words.takeIf("vrf");
+  if ((one && !takeVrf(sw, words, vrf, out)) || !takeEnd(words, out)) {
+    return false;
+  }
+  (one ? vrf->keepaliveHeld : sw.keepaliveHeld) = held;
+  return true;
+}
+
+bool keepaliveHold(Switch &sw, Words &words, std::string &out) {
+  return setKeepaliveHold(sw, words, true, out);
+}
+
+bool keepaliveRelease(Switch &sw, Words &words, std::string &out) {
+  return setKeepaliveHold(sw, words, false, out);
+}
+
+constexpr Command COMMANDS[] = {
+    {"vrf add", vrfAdd, true},
+    {"vrf del", vrfDel, true},
+    {"vrf set", vrfSet, true},
+    {"system", systemReady, true},
+    {"keepalive period", keepalivePeriod, true},
+    {"keepalive hold", keepaliveHold, false},
+    {"keepalive release", keepaliveRelease, false},
+};
+
+} // namespace
+
+std::span<const Command> switchCommands() {
+  return COMMANDS;
+}
+
+} // namespace orrin

@@ -2,7 +2,9 @@
 
 #include "clients.h"
 
+#include "interfaces.h"
 #include "process_info.h"
+#include "router_events.h"
 #include "tarnapi.h"
 
 #include <algorithm>
@@ -66,6 +68,8 @@ void activate(Switch &sw, Client &client, UniqueFd pidFd) {
   if (client.kind == ClientKind::BEST_ROUTE) {
     client.changes.activate(sw.vrfs.at(client.vrf).routes, freshBatchNumber(), [&sw] { sw.page.beat(); });
     notifyBestRouteClients(sw, {&client});
+  } else {
+    deliverEvents(sw, client);
   }
 }
 
@@ -75,6 +79,9 @@ void retire(Switch &sw, Client &client) {
   client.outbox.close();
   client.pidFd.reset();
   client.changes.retire();
+  if (client.kind == ClientKind::ROUTER_EVENT) {
+    stopWaitingForClients(sw, client.vrf);
+  }
 }
 
 // What unregistered clients left is kept for so many names; the oldest goes first.
@@ -126,6 +133,8 @@ int32_t registerClient(Switch &sw, ClientKind kind, uint32_t vrf, const Applican
   }
   if (before != nullptr) {
     client.changes = std::move(before->changes);
+    client.events = std::move(before->events);
+    client.hadEvents = before->hadEvents;
     sw.clients.erase(before->id);
   }
   client.kind = kind;
@@ -147,6 +156,8 @@ std::string restoreClient(Switch &sw, Client client) {
   }
   if (Client *before = findNamed(sw, client.kind, client.vrf, client.name)) {
     client.changes = std::move(before->changes);
+    client.events = std::move(before->events);
+    client.hadEvents = before->hadEvents;
     sw.clients.erase(before->id);
   }
   client.changes.retire();

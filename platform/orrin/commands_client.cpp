@@ -3,6 +3,7 @@
 #include "commands.h"
 
 #include "clients.h"
+#include "router_events.h"
 
 namespace orrin {
 
@@ -18,7 +19,7 @@ bool clientDrop(Switch &sw, Words &words, std::string &out) {
   return dropClient(sw, id) || refuse(out, "there is no client " + std::to_string(id));
 }
 
-// The four below stand in the state folder only.
+// All below stand in the state folder only.
 
 bool onlyRestoring(const Switch &sw, std::string &out) {
   return sw.restoring || refuse(out, "only the state folder registers clients");
@@ -66,6 +67,8 @@ bool clientSettled(Switch &sw, Words &words, std::string &out) {
     return false;
   }
   client->changes.settle();
+  client->events.clear();
+  client->hadEvents = false;
   return true;
 }
 
@@ -79,6 +82,22 @@ bool clientWithdrawn(Switch &sw, Words &words, std::string &out) {
   return true;
 }
 
+bool clientEvent(Switch &sw, Words &words, std::string &out) {
+  Client *client = nullptr;
+  RppiEventMsg event{};
+  if (!takeRestoredClient(sw, words, client, out)) {
+    return false;
+  }
+  const std::string_view word = words.take();
+  if (!parseEventWord(word, event)) {
+    return refuse(out, notTheWord(word, "an event"));
+  }
+  event.eventSeq = sw.nextEventSequence++; // that of the orrin before may not be acknowledged by mistake
+  client->events.push_back(event);
+  client->hadEvents = true;
+  return takeEnd(words, out);
+}
+
 bool clientNext(Switch &sw, Words &words, std::string &out) {
   return onlyRestoring(sw, out) && takeNumber(words, "client", sw.nextClientId, out) && takeEnd(words, out);
 }
@@ -89,6 +108,7 @@ constexpr Command COMMANDS[] = {
     {"client router-event", clientRouterEvent, false},
     {"client settled", clientSettled, false},
     {"client withdrawn", clientWithdrawn, false},
+    {"client event", clientEvent, false},
     {"client next", clientNext, false},
 };
 

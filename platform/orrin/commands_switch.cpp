@@ -1,9 +1,11 @@
-// Commands about VRFs, the system and keep-alives. Used by orrin's one thread.
+// Commands about VRFs, the system, events and keep-alives. Used by orrin's one thread.
 
 #include "commands.h"
 
 #include "clients.h"
+#include "interfaces.h"
 #include "restart_record.h"
+#include "router_events.h"
 #include "routes.h"
 
 #include <climits>
@@ -64,15 +66,60 @@ bool vrfDel(Switch &sw, Words &words, std::string &out) {
   return true;
 }
 
-bool vrfSet(Switch &sw, Words &words, std::string &out) {
-  Vrf *vrf = nullptr;
+bool setRouting(Switch &sw, Words &words, Vrf &vrf, std::string &out) {
   bool on = false;
-  if (!takeVrf(sw, words, vrf, out) || !takeKeyword(words, "routing", out) ||
-      !takeEither(words, "on", "off", on, out) || !takeEnd(words, out)) {
+  if (!takeEither(words, "on", "off", on, out) || !takeEnd(words, out)) {
     return false;
   }
-  vrf->routing = on;
+  vrf.routing = on;
+  if (on) {
+    sendRouterEvent(sw, vrf.id, routerEvent(TARNR_RTR_ENABLE));
+    sendRouterEvent(sw, vrf.id, routerEvent(TARNR_RTR_STARTUP_DONE));
+  } else {
+    sendRouterEvent(sw, vrf.id, routerEvent(TARNR_RTR_DISABLE));
+  }
   return true;
+}
+
+bool setIcmpRatelimit(Switch &sw, Words &words, Vrf &vrf, std::string &out) {
+  uint32_t burst = 0;
+  uint32_t interval = 0;
+  if (!takeNumber(words, "burst", burst, out) || !takeNumber(words, "interval", interval, out) ||
+      !takeEnd(words, out)) {
+    return false;
+  }
+  vrf.icmpBurst = burst;
+  vrf.icmpInterval = interval;
+  sendRouterEvent(sw, vrf.id, configEvent(ConfigChange::RATE_LIMIT));
+  return true;
+}
+
+bool setIcmpEchoReply(Switch &sw, Words &words, Vrf &vrf, std::string &out) {
+  uint32_t mode = 0;
+  if (!takeNumber(words, "mode", mode, out) || !takeEnd(words, out)) {
+    return false;
+  }
+  vrf.icmpEchoReply = mode;
+  sendRouterEvent(sw, vrf.id, configEvent(ConfigChange::ECHO_REPLY));
+  return true;
+}
+
+bool vrfSet(Switch &sw, Words &words, std::string &out) {
+  Vrf *vrf = nullptr;
+  if (!takeVrf(sw, words, vrf, out)) {
+    return false;
+  }
+  const std::string_view word = words.take();
+  if (word == "routing") {
+    return setRouting(sw, words, *vrf, out);
+  }
+  if (word == "icmp-ratelimit") {
+    return setIcmpRatelimit(sw, words, *vrf, out);
+  }
+  if (word == "icmp-echo-reply") {
+    return setIcmpEchoReply(sw, words, *vrf, out);
+  }
+  return refuse(out, notTheWord(word, "routing, icmp-ratelimit or icmp-echo-reply"));
 }
 
 bool systemReady(Switch &sw, Words &words, std::string &out) {
@@ -118,12 +165,45 @@ bool keepaliveRelease(Switch &sw, Words &words, std::string &out) {
   return setKeepaliveHold(sw, words, false, out);
 }
 
+// An event of any type, for its own sake.
+bool eventSend(Switch &sw, Words &words, std::string &out) {
+  Vrf *vrf = nullptr;
+  uint32_t type = 0;
+  RppiEventMsg event{};
+  if (!takeKeyword(words, "vrf", out) || !takeVrf(sw, words, vrf, out) || !takeKeyword(words, "type", out) ||
+      !takeNumber(words, "type", type, out) ||
+      (words.takeIf("interface") && !takeNumber(words, "interface", event.intIfNum, out)) ||
+      (words.takeIf("cfg") && !takeNumber(words, "cfg", event.cfgEvent, out)) || !takeEnd(words, out)) {
+    return false;
+  }
+  if (type > UINT16_MAX) {
+    return refuse(out, "type: at most 65535");
+  }
+  event.msgType = static_cast<uint16_t>(type);
+  sendRouterEvent(sw, vrf->id, event);
+  return true;
+}
+
+bool eventTimeout(Switch &sw, Words &words, std::string &out) {
+  uint32_t seconds = 0;
+  if (!takeNumber(words, "timeout", seconds, out) || !takeEnd(words, out)) {
+    return false;
+  }
+  if (seconds == 0 || seconds > LONGEST_PERIOD) {
+    return refuse(out, "timeout: 1 to " + std::to_string(LONGEST_PERIOD) + " seconds");
+  }
+  sw.ackTimeout = seconds;
+  return true;
+}
+
 constexpr Command COMMANDS[] = {
     {"vrf add", vrfAdd, true},
     {"vrf del", vrfDel, true},
     {"vrf set", vrfSet, true},
     {"system", systemReady, true},
     {"keepalive period", keepalivePeriod, true},
+    {"event send", eventSend, false},
+    {"event timeout", eventTimeout, true},
     {"keepalive hold", keepaliveHold, false},
     {"keepalive release", keepaliveRelease, false},
 };

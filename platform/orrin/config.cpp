@@ -2,6 +2,7 @@
 
 #include "clients.h"
 #include "commands.h"
+#include "router_events.h"
 #include "routes.h"
 
 namespace orrin {
@@ -19,6 +20,58 @@ void appendVrf(const Vrf &vrf, std::string &out) {
     appendNumber(out += "vrf set ", vrf.id);
     out += " routing on\n";
   }
+  const Vrf fresh;
+  if (vrf.icmpBurst != fresh.icmpBurst || vrf.icmpInterval != fresh.icmpInterval) {
+    appendNumber(out += "vrf set ", vrf.id);
+    appendNumber(out += " icmp-ratelimit ", vrf.icmpBurst);
+    appendNumber(out += ' ', vrf.icmpInterval);
+    out += '\n';
+  }
+  if (vrf.icmpEchoReply != fresh.icmpEchoReply) {
+    appendNumber(out += "vrf set ", vrf.id);
+    appendNumber(out += " icmp-echo-reply ", vrf.icmpEchoReply);
+    out += '\n';
+  }
+}
+
+void appendSettings(const Interface &interface, std::string &out) {
+  appendNumber(out += "interface set ", interface.number);
+  appendMac(out += " mac ", interface.mac);
+  if (interface.primary) {
+    appendAddress(out += " address ", interface.primary->address);
+    appendNumber(out += '/', interface.primary->length);
+  }
+  appendNumber(out += " mtu ", interface.mtu);
+  appendNumber(out += " bandwidth ", interface.bandwidth);
+  appendNumber(out += " unreachables ", interface.unreachables);
+  appendNumber(out += " redirects ", interface.redirects);
+  out += '\n';
+}
+
+void appendAddresses(const Interface &interface, std::string &out) {
+  for (const InterfaceAddress &each : interface.secondaries) {
+    appendNumber(out += "interface secondary ", interface.number);
+    appendAddress(out += " add ", each.address);
+    appendNumber(out += '/', each.length);
+    appendNumber(out += " index ", each.index);
+    out += '\n';
+  }
+  for (const VrrpGroup &group : interface.vrrp) {
+    for (size_t slot = 0; slot < group.addresses.size(); ++slot) {
+      if (group.addresses[slot] != 0) {
+        appendNumber(out += "interface vrrp ", interface.number);
+        appendNumber(out += " label ", group.label);
+        appendAddress(out += " add ", group.addresses[slot]);
+        appendNumber(out += " slot ", slot);
+        out += '\n';
+      }
+    }
+  }
+}
+
+void appendSwitchCommand(std::string_view command, uint32_t interface, std::string &out) {
+  appendNumber(out.append(command), interface);
+  out += '\n';
 }
 
 void appendInterface(const Interface &interface, std::string &out) {
@@ -32,6 +85,18 @@ void appendInterface(const Interface &interface, std::string &out) {
     appendNumber(out += " index ", interface.index);
   }
   out += '\n';
+  appendSettings(interface, out);
+  appendAddresses(interface, out);
+}
+
+// Behind the clients, whose events it makes: what was under way goes its way once more.
+void appendUnfinished(const Interface &interface, std::string &out) {
+  if (interface.state == Interface::DOWN_PENDING) {
+    appendSwitchCommand("interface disable ", interface.number, out);
+  }
+  if (interface.wanted && (interface.state == Interface::UP_PENDING || interface.state == Interface::DOWN_PENDING)) {
+    appendSwitchCommand("interface enable ", interface.number, out);
+  }
 }
 
 void appendClient(const Client &client, std::string &out) {
@@ -41,6 +106,10 @@ void appendClient(const Client &client, std::string &out) {
     appendNumber(out += "client withdrawn ", client.id);
     appendPrefix(out += ' ', entry->prefix());
     out += '\n';
+  }
+  for (const RppiEventMsg &event : client.events) {
+    appendNumber(out += "client event ", client.id);
+    out.append(1, ' ').append(eventWord(event)).append(1, '\n');
   }
   if (!client.registered) {
     appendNumber(out += "client drop ", client.id);
@@ -57,6 +126,7 @@ void appendConfig(Switch &sw, const Vrf *only, bool runs, std::string &out) {
       out += "system not-ready\n";
     }
     appendNumber(out += "keepalive period ", sw.keepalivePeriod);
+    appendNumber(out += "\nevent timeout ", sw.ackTimeout);
     out += '\n';
   }
   for (const auto &[id, vrf] : sw.vrfs) {
@@ -67,6 +137,9 @@ void appendConfig(Switch &sw, const Vrf *only, bool runs, std::string &out) {
   for (const auto &[number, interface] : sw.interfaces) {
     if (wanted(interface.vrf)) {
       appendInterface(interface, out);
+      if (interface.wanted || interface.state == Interface::DOWN_PENDING) {
+        appendSwitchCommand("interface enable ", number, out);
+      }
     }
   }
   for (const auto &[id, vrf] : sw.vrfs) {
@@ -94,6 +167,9 @@ bool writeState(Switch &sw, std::string &error) {
   }
   appendNumber(text += "client next ", sw.nextClientId);
   text += '\n';
+  for (const auto &[number, interface] : sw.interfaces) {
+    appendUnfinished(interface, text);
+  }
   return sw.journal.rewrite(text, error);
 }
 

@@ -170,6 +170,36 @@ bool takePrefix(Words &words, Prefix &prefix, std::string &error) {
   return word.empty() ? fail(error, "prefix missing") : parsePrefix(word, prefix, error);
 }
 
+bool takeInterfaceAddress(Words &words, std::string_view what, uint32_t &address, uint8_t &length, std::string &error) {
+  const std::string_view word = words.take();
+  const size_t slash = word.find('/');
+  uint32_t bits = 0;
+  uint32_t wanted = 0;
+  if (slash == std::string_view::npos || !parseAddress(word.substr(0, slash), wanted) ||
+      !parseNumber(word.substr(slash + 1), bits) || bits > 32 || wanted == 0) {
+    return fail(error, std::string(what) + ": " + quoted(word) + " is no address with its prefix length");
+  }
+  address = wanted;
+  length = static_cast<uint8_t>(bits);
+  return true;
+}
+
+bool takeMac(Words &words, std::array<uint8_t, 6> &mac, std::string &error) {
+  const std::string_view word = words.take();
+  std::array<uint8_t, 6> bytes{};
+  bool good = word.size() == 3 * bytes.size() - 1;
+  for (size_t index = 0; good && index < bytes.size(); ++index) {
+    const char *begin = word.data() + 3 * index;
+    const auto [stop, status] = std::from_chars(begin, begin + 2, bytes[index], 16);
+    good = status == std::errc() && stop == begin + 2 && (index + 1 == bytes.size() || *stop == ':');
+  }
+  if (!good) {
+    return fail(error, "mac: " + quoted(word) + " is no MAC address");
+  }
+  mac = bytes;
+  return true;
+}
+
 bool takeEnd(Words &words, std::string &error) {
   const std::string_view word = words.take();
   return word.empty() || fail(error, quoted(word) + " is too much");
@@ -220,6 +250,13 @@ void appendPrefix(std::string &out, const Prefix &prefix) {
   appendAddress(out, prefix.address);
   out += '/';
   appendNumber(out, prefix.length);
+}
+
+void appendMac(std::string &out, const std::array<uint8_t, 6> &mac) {
+  constexpr std::string_view HEX = "0123456789abcdef";
+  for (size_t index = 0; index < mac.size(); ++index) {
+    out.append(index == 0 ? "" : ":").append(1, HEX[mac[index] >> 4]).append(1, HEX[mac[index] & 15]);
+  }
 }
 
 void appendRouteAttrs(std::string &out, const RouteAttrs &attrs) {

@@ -3,6 +3,7 @@
 // Readers return false and leave in `error` which word is wrong and why.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -75,6 +76,9 @@ bool parsePrefix(std::string_view word, Prefix &prefix, std::string &error);
 bool takeNumber(Words &words, std::string_view what, uint32_t &value, std::string &error);
 bool takeKeyword(Words &words, std::string_view keyword, std::string &error);
 bool takePrefix(Words &words, Prefix &prefix, std::string &error);
+// "10.1.1.1/24": an address of an interface, whose bits beyond the length may be set.
+bool takeInterfaceAddress(Words &words, std::string_view what, uint32_t &address, uint8_t &length, std::string &error);
+bool takeMac(Words &words, std::array<uint8_t, 6> &mac, std::string &error);
 bool takeEnd(Words &words, std::string &error);
 
 // The rest of a line after "route add" or "route modify", to its end.
@@ -85,6 +89,7 @@ bool parseRouteAttrs(Words &words, RouteAttrs &attrs, std::string &error);
 void appendNumber(std::string &out, uint64_t value);
 void appendAddress(std::string &out, uint32_t address);
 void appendPrefix(std::string &out, const Prefix &prefix);
+void appendMac(std::string &out, const std::array<uint8_t, 6> &mac);
 // Options and next hops, each with a blank before it; nothing for a route without any.
 void appendRouteAttrs(std::string &out, const RouteAttrs &attrs);
 // "route add vrf 3 10.0.0.0/8 via 10.1.1.2 interface 11", without line end.

@@ -100,25 +100,30 @@ bool Journal::open(const std::string &folder, std::string &error) {
     return failed(error, folder + " is another orrin's");
   }
   lock_ = std::move(lock);
+  return load(error);
+}
+
+bool Journal::load(std::string &error) {
+  constexpr std::string_view NAMES[2] = {"config", "journal"};
+  for (int index = 0; index < 2; ++index) {
+    if (!readFile(path(NAMES[index]), loaded_[index])) {
+      return failed(error, path(NAMES[index]));
+    }
+  }
+  generation_ = generationOf(loaded_[0]);
+  if (generationOf(loaded_[1]) != generation_) {
+    loaded_[1].clear();
+  }
+  hadState_ = !loaded_[0].empty() || !loaded_[1].empty();
   return true;
 }
 
 bool Journal::replay(const Apply &apply, std::string &error) {
-  std::string texts[2];
   const std::string names[2] = {path("config"), path("journal")};
   for (int index = 0; index < 2; ++index) {
-    if (!readFile(names[index], texts[index])) {
-      return failed(error, names[index]);
-    }
-  }
-  generation_ = generationOf(texts[0]);
-  if (generationOf(texts[1]) != generation_) {
-    texts[1].clear();
-  }
-  hadState_ = !texts[0].empty() || !texts[1].empty();
-  for (int index = 0; index < 2; ++index) {
     size_t number = 0;
-    std::string_view rest = texts[index];
+    const std::string text = std::move(loaded_[index]);
+    std::string_view rest = text;
     // A last line without its end is one that was cut off while it was written, and was never answered.
     for (size_t end = rest.find('\n'); end != std::string_view::npos; end = rest.find('\n')) {
       ++number;

@@ -16,10 +16,13 @@ class Journal {
 public:
   using Apply = std::function<bool(std::string_view line, std::string &error)>;
 
-  // Takes the folder, which it makes if it is not there. False, with the reason, when it cannot be used or another orrin does.
+  // Takes the folder, which it makes if it is not there, and loads what it holds. False, with the reason, when it cannot be
+  // used or another orrin does.
   bool open(const std::string &folder, std::string &error);
+  // Another one for each start.
+  uint64_t generation() const { return generation_; }
 
-  // Reads the kept state, line by line. False with "file:line: reason".
+  // Gives out the kept state, line by line. False with "file:line: reason".
   bool replay(const Apply &apply, std::string &error);
   bool hadState() const { return hadState_; }
 
@@ -39,12 +42,14 @@ public:
 private:
   static constexpr uint64_t LONG = 16 * 1024 * 1024;
 
+  bool load(std::string &error);
   std::string path(std::string_view name) const;
   bool replace(const std::string &name, std::string_view text, std::string &error);
 
   std::string folder_;
   UniqueFd lock_;
   UniqueFd file_;
+  std::string loaded_[2]; // config and journal, until they are replayed
   std::string pending_;
   std::string trouble_;
   uint64_t generation_ = 0;

@@ -5,6 +5,8 @@
 #include "clients.h"
 #include "commands.h"
 #include "control_server.h"
+#include "interfaces.h"
+#include "router_events.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -95,6 +97,7 @@ bool configure(Switch &sw, const Options &options) {
   if (!sw.journal.open(options.state, error)) {
     return fail(error);
   }
+  sw.nextEventSequence = firstEventSequence(sw);
   sw.restoring = true;
   const auto apply = [&sw](std::string_view line, std::string &why) {
     sw.page.beat();
@@ -145,7 +148,7 @@ public:
 private:
   int waitMs() const {
     uint64_t next = std::min(beatDueMs_, sw_.keepaliveDueMs);
-    for (const uint64_t due : {api_.nextDueMs(), nextRetryMs(sw_)}) {
+    for (const uint64_t due : {api_.nextDueMs(), nextRetryMs(sw_), nextAckTimeoutMs(sw_)}) {
       next = due == 0 ? next : std::min(next, due);
     }
     const uint64_t now = nowMs();
@@ -161,6 +164,7 @@ private:
       sendKeepalives(sw_);
     }
     api_.answerDue();
+    endAckWaits(sw_);
     flushDueOutboxes(sw_);
     sw_.journal.flush();
     if (std::string error; sw_.journal.isLong() && !writeState(sw_, error)) {

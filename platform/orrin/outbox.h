@@ -22,6 +22,7 @@ public:
     client_ = client;
   }
   void close();
+  void clear() { messages_.clear(); }
 
   // The caller flushes afterwards.
   void add(const RppiEventMsg &message) { messages_.push_back(message); }

@@ -1,8 +1,8 @@
 // The platform API's calls, one handler each, in one table. Handlers read the request's args as tarnapi_wire.h lists them and
 // return the call's result. Used by orrin's one thread.
 
-#include "requests.h"
-
+#include "request_handlers.h"
+#include "router_events.h"
 #include "routes.h"
 #include "tarnapi.h"
 
@@ -13,17 +13,6 @@
 namespace orrin {
 
 namespace {
-
-using Args = std::array<uint32_t, 6>;
-
-struct Call {
-  Switch &sw;
-  const Args &args;
-  const RequestContext &context;
-  Answer &answer;
-
-  void value(size_t index, uint32_t number) const { answer.reply.values[index] = number; }
-};
 
 using Handler = int32_t (*)(const Call &);
 
@@ -63,53 +52,32 @@ int32_t routingStartupStatus(const Call &call) {
   return TARN_OK;
 }
 
-int32_t interfaceTypeGet(const Call &call) {
-  const Interface *interface = findInterface(call.sw, call.args[0]);
-  if (interface == nullptr) {
+// The VRF that a request's text names.
+const Vrf *namedVrf(const Call &call) {
+  for (const auto &[id, vrf] : call.sw.vrfs) {
+    if (vrf.name == call.context.tail) {
+      return &vrf;
+    }
+  }
+  return nullptr;
+}
+
+int32_t icmpRatelimitGet(const Call &call) {
+  const Vrf *vrf = namedVrf(call);
+  if (vrf == nullptr) {
     return TARN_NOT_FOUND;
   }
-  call.value(0, interface->type);
+  call.value(0, vrf->icmpBurst);
+  call.value(1, vrf->icmpInterval);
   return TARN_OK;
 }
 
-int32_t interfaceNameGet(const Call &call) {
-  const Interface *interface = findInterface(call.sw, call.args[0]);
-  if (interface == nullptr) {
+int32_t icmpEchoReplyModeGet(const Call &call) {
+  const Vrf *vrf = namedVrf(call);
+  if (vrf == nullptr) {
     return TARN_NOT_FOUND;
   }
-  call.answer.tail = interface->name;
-  return TARN_OK;
-}
-
-int32_t stackNameGet(const Call &call) {
-  const Interface *interface = findInterface(call.sw, call.args[1]);
-  if (interface == nullptr || interface->vrf != call.args[0]) {
-    return TARN_NOT_FOUND;
-  }
-  call.answer.tail = interface->device;
-  return TARN_OK;
-}
-
-const Interface *defaultVrfInterface(const Call &call) {
-  const Interface *interface = findInterface(call.sw, call.args[0]);
-  return interface != nullptr && interface->vrf == 0 ? interface : nullptr;
-}
-
-int32_t ipStackNameGet(const Call &call) {
-  const Interface *interface = defaultVrfInterface(call);
-  if (interface == nullptr) {
-    return TARN_NOT_FOUND;
-  }
-  call.answer.tail = interface->device;
-  return TARN_OK;
-}
-
-int32_t ipStackIndexGet(const Call &call) {
-  const Interface *interface = defaultVrfInterface(call);
-  if (interface == nullptr || interface->index == 0) {
-    return TARN_NOT_FOUND;
-  }
-  call.value(0, interface->index);
+  call.value(0, vrf->icmpEchoReply);
   return TARN_OK;
 }
 
@@ -127,6 +95,24 @@ int32_t registerAs(const Call &call, ClientKind kind, uint32_t family, uint32_t 
   const int32_t result = registerClient(call.sw, kind, vrfId, {pid, call.context.process}, name, id);
   call.value(0, id);
   return result;
+}
+
+int32_t routerEventRegister(const Call &call) {
+  return registerAs(call, ClientKind::ROUTER_EVENT, call.args[0], call.args[2], call.args[1]);
+}
+
+Client *routerClient(const Call &call) {
+  Client *client = findClient(call.sw, ClientKind::ROUTER_EVENT, call.args[1]);
+  return client != nullptr && client->vrf == call.args[0] ? client : nullptr;
+}
+
+int32_t routerEventAcknowledge(const Call &call) {
+  Client *client = routerClient(call);
+  return client == nullptr ? int32_t{TARN_NOT_FOUND} : acknowledgeEvent(call.sw, *client, call.args[2]);
+}
+
+int32_t routerEventDeregister(const Call &call) {
+  return routerClient(call) != nullptr && dropClient(call.sw, call.args[1]) ? TARN_OK : TARN_NOT_FOUND;
 }
 
 int32_t bestRouteRegister(const Call &call) {
@@ -224,10 +210,6 @@ int32_t routeTypeRegister(const Call &call) {
   return TARN_OK;
 }
 
-int32_t notServed(const Call &) {
-  return TARN_REFUSED;
-}
-
 struct HandlerRow {
   tarnwire::Op op;
   Handler handler;
@@ -239,11 +221,24 @@ constexpr HandlerRow HANDLERS[] = {
     {tarnwire::VRF_NAME_GET, vrfNameGet},
     {tarnwire::VRF_INTF_NAME_GET, vrfIntfNameGet},
     {tarnwire::ROUTING_STARTUP_STATUS, routingStartupStatus},
+    {tarnwire::ICMP_RATELIMIT_GET, icmpRatelimitGet},
+    {tarnwire::ICMP_ECHO_REPLY_MODE_GET, icmpEchoReplyModeGet},
+    {tarnwire::ROUTER_EVENT_REGISTER, routerEventRegister},
+    {tarnwire::ROUTER_EVENT_ACKNOWLEDGE, routerEventAcknowledge},
+    {tarnwire::ROUTER_EVENT_DEREGISTER, routerEventDeregister},
+    {tarnwire::INTF_NEXT_GET, interfaceNextGet},
     {tarnwire::INTF_TYPE_GET, interfaceTypeGet},
     {tarnwire::INTF_NAME_GET, interfaceNameGet},
     {tarnwire::INTF_STK_NAME_GET, stackNameGet},
     {tarnwire::INTF_IP_STACK_NAME_GET, ipStackNameGet},
     {tarnwire::INTF_IP_STACK_INDEX_GET, ipStackIndexGet},
+    {tarnwire::INTF_MAC_GET, macGet},
+    {tarnwire::INTF_ADDR_GET, addressGet},
+    {tarnwire::INTF_SEC_ADDR_GET, secondaryAddressGet},
+    {tarnwire::INTF_MTU_GET, mtuGet},
+    {tarnwire::INTF_BANDWIDTH_GET, bandwidthGet},
+    {tarnwire::ICMP_UNREACHABLES_MODE_GET, unreachablesModeGet},
+    {tarnwire::ICMP_REDIRECTS_MODE_GET, redirectsModeGet},
     {tarnwire::BEST_ROUTE_REGISTER, bestRouteRegister},
     {tarnwire::BEST_ROUTE_DEREGISTER, bestRouteDeregister},
     {tarnwire::BEST_ROUTE_CHANGE_NEXT_GET, bestRouteChangeNextGet},
@@ -254,7 +249,6 @@ constexpr HandlerRow HANDLERS[] = {
 
 constexpr std::array<Handler, tarnwire::OP_COUNT> handlersByOp() {
   std::array<Handler, tarnwire::OP_COUNT> handlers{};
-  handlers.fill(notServed);
   for (const HandlerRow &row : HANDLERS) {
     handlers[row.op] = row.handler;
   }
@@ -262,6 +256,7 @@ constexpr std::array<Handler, tarnwire::OP_COUNT> handlersByOp() {
 }
 
 constexpr std::array<Handler, tarnwire::OP_COUNT> HANDLER_OF = handlersByOp();
+static_assert(std::find(HANDLER_OF.begin(), HANDLER_OF.end(), nullptr) == HANDLER_OF.end());
 
 } // namespace
 

@@ -68,6 +68,15 @@ std::string refusal(Switch &sw, RouteEdit edit, const Vrf &vrf, const Prefix &fi
   return {};
 }
 
+// By number of the attributes: do they mention the interface?
+std::vector<bool> attrsThrough(const Switch &sw, uint32_t interface) {
+  std::vector<bool> through(sw.attrs.slots());
+  for (AttrId id = 0; id < through.size(); ++id) {
+    through[id] = sw.attrs.mentions(id, interface);
+  }
+  return through;
+}
+
 void removeRoute(Switch &sw, Vrf &vrf, const Prefix &prefix) {
   sw.attrs.release(*vrf.routes.find(prefix));
   vrf.routes.erase(prefix);
@@ -130,10 +139,7 @@ size_t routesThrough(const Switch &sw, uint32_t interface) {
 
 uint32_t encodeRoutesThrough(Switch &sw, const Vrf &vrf, uint32_t interface, const Prefix &key, uint32_t limit,
                              std::string &out, bool &more) {
-  std::vector<bool> wanted(sw.attrs.slots());
-  for (AttrId id = 0; id < wanted.size(); ++id) {
-    wanted[id] = sw.attrs.mentions(id, interface);
-  }
+  const std::vector<bool> wanted = attrsThrough(sw, interface);
   uint32_t records = 0;
   more = false;
   RouteMap::Place place = vrf.routes.notBefore(key);
@@ -153,6 +159,22 @@ uint32_t encodeRoutesThrough(Switch &sw, const Vrf &vrf, uint32_t interface, con
     ++records;
   }
   return records;
+}
+
+void requeueRoutesThrough(Switch &sw, const Vrf &vrf, uint32_t interface) {
+  const std::vector<bool> wanted = attrsThrough(sw, interface);
+  const std::vector<Client *> clients = bestRouteClients(sw, vrf.id);
+  Beat beat(sw);
+  for (RouteMap::Place place = vrf.routes.first(); const RouteMap::Entry *entry = vrf.routes.at(place);
+       place = vrf.routes.next(place)) {
+    for (Client *client : clients) {
+      if (wanted[entry->value]) {
+        client->changes.note(entry->prefix(), ChangeQueue::REFRESH);
+      }
+    }
+    beat();
+  }
+  notifyBestRouteClients(sw, clients);
 }
 
 void removeAllRoutes(Switch &sw, Vrf &vrf) {

@@ -23,6 +23,9 @@ size_t routesThrough(const Switch &sw, uint32_t interface);
 uint32_t encodeRoutesThrough(Switch &sw, const Vrf &vrf, uint32_t interface, const Prefix &key, uint32_t limit,
                              std::string &out, bool &more);
 
+// Hands the routes through the interface out once more, to all best-route clients of the VRF.
+void requeueRoutesThrough(Switch &sw, const Vrf &vrf, uint32_t interface);
+
 // Withdraws everything in a VRF that is about to go.
 void removeAllRoutes(Switch &sw, Vrf &vrf);
 

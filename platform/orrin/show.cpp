@@ -2,7 +2,9 @@
 
 #include "clients.h"
 #include "commands.h"
+#include "interfaces.h"
 #include "report.h"
+#include "router_events.h"
 
 #include <algorithm>
 
@@ -50,14 +52,44 @@ void showVrfs(Switch &sw, const Wanted &wanted, std::string &out) {
   report.finish();
 }
 
+std::string textOf(const InterfaceAddress &address) {
+  std::string text;
+  appendAddress(text, address.address);
+  appendNumber(text += '/', address.length);
+  return text;
+}
+
+// "10.1.2.1/24:1 vrrp 3_0 10.1.1.254", every address beside the primary with its label's number.
+std::string moreAddresses(const Interface &interface) {
+  std::string text;
+  for (const InterfaceAddress &each : interface.secondaries) {
+    appendNumber(text += " " + textOf(each) + ":", each.index);
+  }
+  for (const VrrpGroup &group : interface.vrrp) {
+    for (size_t slot = 0; slot < group.addresses.size(); ++slot) {
+      if (group.addresses[slot] != 0) {
+        appendNumber(text += " vrrp ", group.label);
+        appendNumber(text += '_', slot);
+        appendAddress(text += ' ', group.addresses[slot]);
+      }
+    }
+  }
+  return text.empty() ? text : text.substr(1);
+}
+
 void showInterfaces(Switch &sw, const Wanted &wanted, std::string &out) {
-  static constexpr Column COLUMNS[] = {{"interface", 9}, {"vrf", 10}, {"name", 16}, {"device", 16},
-                                       {"type", 4},      {"kind", 8}, {"index", 0}};
+  static constexpr Column COLUMNS[] = {
+      {"interface", 9},     {"vrf", 10},      {"name", 16},         {"device", 15},
+      {"type", 4},          {"kind", 8},      {"index", 5},         {"state", 12},
+      {"mac", 17},          {"address", 18},  {"mtu", 5},           {"bandwidth", 10},
+      {"unreachables", 12}, {"redirects", 9}, {"ack-timeouts", 12}, {"more-addresses", 0}};
   Report report(out, wanted.json, COLUMNS);
   for (const auto &[number, interface] : sw.interfaces) {
     if (!wanted.vrf(interface.vrf)) {
       continue;
     }
+    std::string mac;
+    appendMac(mac, interface.mac);
     report.number(number);
     report.number(interface.vrf);
     report.text(interface.name);
@@ -65,6 +97,37 @@ void showInterfaces(Switch &sw, const Wanted &wanted, std::string &out) {
     report.number(interface.type);
     report.text(typeName(interface.type));
     report.number(interface.index);
+    report.text(stateName(interface.state));
+    report.text(mac);
+    report.text(interface.primary ? textOf(*interface.primary) : std::string());
+    report.number(interface.mtu);
+    report.number(interface.bandwidth);
+    report.number(interface.unreachables);
+    report.number(interface.redirects);
+    report.number(interface.ackTimeouts);
+    report.text(moreAddresses(interface));
+  }
+  report.finish();
+}
+
+// Events that a client has not acknowledged.
+void showEvents(Switch &sw, const Wanted &wanted, std::string &out) {
+  static constexpr Column COLUMNS[] = {{"client", 6}, {"vrf", 10},      {"sequence", 10},    {"type", 4},
+                                       {"event", 16}, {"interface", 9}, {"configuration", 0}};
+  Report report(out, wanted.json, COLUMNS);
+  for (const auto &[id, client] : sw.clients) {
+    for (const RppiEventMsg &event : client.events) {
+      if (!wanted.vrf(client.vrf)) {
+        break;
+      }
+      report.number(id);
+      report.number(client.vrf);
+      report.number(event.eventSeq);
+      report.number(event.msgType);
+      report.text(eventName(event.msgType));
+      report.number(event.intIfNum);
+      report.number(event.cfgEvent);
+    }
   }
   report.finish();
 }
@@ -122,8 +185,9 @@ void showRoutes(Switch &sw, const Wanted &wanted, std::string &out) {
 }
 
 void showClients(Switch &sw, const Wanted &wanted, std::string &out) {
-  static constexpr Column COLUMNS[] = {{"client", 6}, {"kind", 12},   {"vrf", 10},      {"name", 16},  {"pid", 8},
-                                       {"state", 10}, {"waiting", 8}, {"in-flight", 9}, {"unsent", 6}, {"socket", 0}};
+  static constexpr Column COLUMNS[] = {{"client", 6}, {"kind", 12},           {"vrf", 10},    {"name", 16},
+                                       {"pid", 8},    {"state", 10},          {"waiting", 8}, {"in-flight", 9},
+                                       {"unsent", 6}, {"unacknowledged", 14}, {"socket", 0}};
   Report report(out, wanted.json, COLUMNS);
   for (const auto &[id, client] : sw.clients) {
     if (!wanted.vrf(client.vrf)) {
@@ -138,6 +202,7 @@ void showClients(Switch &sw, const Wanted &wanted, std::string &out) {
     report.number(client.changes.waiting());
     report.number(client.changes.inFlight());
     report.number(client.outbox.size());
+    report.number(client.events.size());
     report.text(client.outbox.path());
   }
   report.finish();
@@ -228,8 +293,8 @@ struct Subject {
 };
 
 constexpr Subject SUBJECTS[] = {
-    {"vrfs", showVrfs},       {"interfaces", showInterfaces}, {"routes", showRoutes},
-    {"clients", showClients}, {"faults", showFaults},         {"status", showStatus},
+    {"vrfs", showVrfs},     {"interfaces", showInterfaces}, {"routes", showRoutes}, {"clients", showClients},
+    {"faults", showFaults}, {"events", showEvents},         {"status", showStatus},
 };
 
 } // namespace
@@ -239,7 +304,7 @@ bool showCommand(Switch &sw, Words &words, std::string &out) {
   const auto subject =
       std::find_if(std::begin(SUBJECTS), std::end(SUBJECTS), [word](const Subject &each) { return each.word == word; });
   if (subject == std::end(SUBJECTS)) {
-    out = "show: vrfs, interfaces, routes, clients, faults or status";
+    out = "show: vrfs, interfaces, routes, clients, events, faults or status";
     out += word.empty() ? "" : ", not \"" + std::string(word) + "\"";
     return false;
   }

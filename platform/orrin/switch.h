@@ -1,5 +1,5 @@
 // The switch: everything that orrin holds. Plain records, all used by the one thread; the sources beside this one change
-// them: routes.cpp the route tables, clients.cpp the registrations, the commands and requests the rest.
+// them: routes.cpp the route tables, interfaces.cpp the interfaces, clients.cpp the registrations, router_events.cpp the events.
 #pragma once
 
 #include "attr_table.h"
@@ -10,9 +10,13 @@
 #include "poller.h"
 #include "publisher.h"
 
+#include <array>
 #include <cstdint>
+#include <deque>
 #include <map>
+#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace orrin {
@@ -22,8 +26,27 @@ inline constexpr size_t VRF_INTERFACE_NAME_MAX = 16; // 17 bytes
 inline constexpr size_t INTERFACE_NAME_MAX = 60;     // 60 bytes, without NUL when all are used
 inline constexpr size_t CLIENTS_MAX = 256;
 
+using Mac = std::array<uint8_t, 6>;
+
+// An address with its prefix length, in the order of the secondary-address walk.
+struct InterfaceAddress {
+  uint32_t address = 0;
+  uint8_t length = 0;
+  uint32_t index = 0; // of the label of a secondary
+
+  std::pair<uint32_t, uint8_t> order() const { return {address, length}; }
+};
+
+// VRRP addresses under one label number; their place is part of the label, 0 = empty.
+struct VrrpGroup {
+  uint32_t label = 0;
+  std::array<uint32_t, 32> addresses{};
+};
+
 struct Interface {
   enum Type : uint32_t { ORDINARY = 1, LOOPBACK = 4, TUNNEL = 5 };
+  // A pending state waits for the router clients to acknowledge the pending event.
+  enum State : uint8_t { DOWN, UP_PENDING, UP, DOWN_PENDING };
 
   uint32_t number = 0;
   uint32_t vrf = 0;
@@ -31,6 +54,21 @@ struct Interface {
   std::string device; // the kernel's
   uint32_t type = ORDINARY;
   uint32_t index = 0; // the kernel's, in the default VRF
+
+  Mac mac{};
+  std::optional<InterfaceAddress> primary;
+  std::vector<InterfaceAddress> secondaries; // ascending
+  std::vector<VrrpGroup> vrrp;
+  uint32_t mtu = 1500;
+  uint32_t bandwidth = 1000000;
+  uint32_t unreachables = 1;
+  uint32_t redirects = 1;
+
+  State state = DOWN;
+  bool wanted = false;      // enabled, or to be
+  bool bounce = false;      // down and up once more, as soon as it is up
+  uint32_t waitsFor = 0;    // sequence of the pending event
+  uint32_t ackTimeouts = 0; // pending events that not all clients acknowledged in time
 };
 
 struct Vrf {
@@ -39,6 +77,9 @@ struct Vrf {
   std::string interfaceName;
   std::string netns; // name or path, empty = not said
   bool routing = false;
+  uint32_t icmpBurst = 100;
+  uint32_t icmpInterval = 1000; // as the platform counts it
+  uint32_t icmpEchoReply = 1;
   bool keepaliveHeld = false;
   RouteMap routes;
 };
@@ -58,7 +99,9 @@ struct Client {
   bool notified = false; // of changes that it has not fetched to the end
   UniqueFd pidFd;        // becomes readable when the process ends
   Outbox outbox;
-  ChangeQueue changes; // BEST_ROUTE
+  ChangeQueue changes;             // BEST_ROUTE
+  std::deque<RppiEventMsg> events; // ROUTER_EVENT: not acknowledged, ascending by eventSeq
+  bool hadEvents = false;          // since the journal says that none was left
 };
 
 struct Protocol {
@@ -75,6 +118,13 @@ struct RouteType {
   std::string code;
 };
 
+// When the acknowledgements of an interface's pending event are waited for no more.
+struct AckWait {
+  uint64_t dueMs = 0;
+  uint32_t interface = 0;
+  uint32_t sequence = 0;
+};
+
 struct Switch {
   std::map<uint32_t, Vrf> vrfs;
   std::map<uint32_t, Interface> interfaces;
@@ -83,6 +133,9 @@ struct Switch {
   std::vector<RouteType> routeTypes;
   AttrTable attrs;
   uint32_t nextClientId = 1;
+  uint32_t nextEventSequence = 1;
+  std::deque<AckWait> ackWaits; // by due time
+  uint32_t ackTimeout = 30;     // seconds
   bool systemReady = true;
   uint32_t keepalivePeriod = 30; // seconds
   uint64_t keepaliveDueMs = 0;

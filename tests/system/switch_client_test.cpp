@@ -2,9 +2,8 @@
 // anew, and of best-route changes from the queue to the caller's records.
 
 #include "event_socket.h"
-#include "orrin_process.h"
 #include "own_namespaces.h"
-#include "tarnapi.h"
+#include "switch_fixture.h"
 
 #include <algorithm>
 #include <atomic>
@@ -18,16 +17,7 @@
 
 namespace {
 
-constexpr uint32_t VRF = 3;
 constexpr uint32_t BATCH = 50;
-
-struct ClientName {
-  explicit ClientName(std::string name) : text(std::move(name)) {
-    desc = {static_cast<uint32_t>(text.size() + 1), text.data()};
-  }
-  std::string text;
-  tarn_buffdesc desc;
-};
 
 struct Fetched {
   int32_t result = 0;
@@ -41,24 +31,8 @@ std::string prefixOf(const BestRouteRecord &record) {
          std::to_string(record.prefixLen);
 }
 
-class SwitchClient : public testing::Test {
+class SwitchClient : public SwitchFixture {
 protected:
-  void SetUp() override {
-    orrin.start();
-    orrin.run("vrf add 3 blue interface vrfblue");
-    orrin.run("vrf set 3 routing on");
-    orrin.run("interface add 11 vrf 3 name 0/11 device rt1");
-    rpcclt_rpc_failure_reset();
-    ASSERT_EQ(tarnapiServiceClientRegister("mirel", 1, 2001, &client), TARN_OK);
-    // Also takes this thread from the page of the orrin before, which was killed and may seem alive for a second.
-    ASSERT_EQ(rpcclt_tarnapiConnectivityCheck(client), TARN_OK);
-  }
-
-  int32_t registerBestRoute(uint32_t &id, const std::string &name = "mirel:3", uint32_t vrf = VRF) {
-    ClientName text(name);
-    return rpcclt_tarnapiBestRouteEventRegisterVr(client, vrf, 1, static_cast<uint32_t>(getpid()), &text.desc, &id);
-  }
-
   Fetched fetch(uint32_t id, uint32_t count = BATCH) {
     Fetched fetched;
     buffer.assign(BATCH, BestRouteRecord{});
@@ -95,8 +69,6 @@ protected:
     return result == TARN_OK ? std::string(text) : "error " + std::to_string(result);
   }
 
-  OrrinProcess orrin;
-  tarnapiClient *client = nullptr;
   std::vector<BestRouteRecord> buffer;
 };
 

@@ -1,0 +1,174 @@
+// The event queues of the router clients. Used by orrin's one thread.
+
+#include "router_events.h"
+
+#include "interfaces.h"
+#include "tarnapi.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace orrin {
+
+namespace {
+
+// Beyond this a client is told of every interface anew instead: an agent that does not run must not cost ever more.
+constexpr size_t EVENTS_MAX = 16384;
+constexpr uint16_t FIRST_ACKNOWLEDGED = 101;
+constexpr uint16_t LAST_ACKNOWLEDGED = 299;
+
+struct EventName {
+  uint16_t type;
+  const char *name;
+};
+
+constexpr EventName EVENT_NAMES[] = {
+    {TARNR_RTR_ENABLE, "routing-enable"},
+    {TARNR_RTR_DISABLE, "routing-disable"},
+    {TARNR_RTR_STARTUP_DONE, "startup-done"},
+    {TARNR_RTR_INTF_CREATE, "interface-create"},
+    {TARNR_RTR_INTF_DELETE, "interface-delete"},
+    {TARNR_RTR_INTF_ENABLE, "enable"},
+    {TARNR_RTR_INTF_ENABLE_PENDING, "enable-pending"},
+    {TARNR_RTR_INTF_DISABLE, "disable"},
+    {TARNR_RTR_INTF_DISABLE_PENDING, "disable-pending"},
+    {TARNR_RTR_INTF_ADDR_CHANGE, "address"},
+    {TARNR_RTR_INTF_MTU, "mtu"},
+    {TARNR_RTR_INTF_BW_CHANGE, "bandwidth"},
+    {TARNR_RTR_INTF_HOST_MODE, "host-mode"},
+    {TARNR_RTR_INTF_CFG_CHANGE, "configuration"},
+};
+
+bool isAcknowledged(uint16_t type) {
+  return type >= FIRST_ACKNOWLEDGED && type <= LAST_ACKNOWLEDGED;
+}
+
+std::deque<RppiEventMsg>::const_iterator findEvent(const Client &client, uint32_t sequence) {
+  const auto event = std::lower_bound(client.events.begin(), client.events.end(), sequence,
+                                      [](const RppiEventMsg &each, uint32_t wanted) { return each.eventSeq < wanted; });
+  return event != client.events.end() && event->eventSeq == sequence ? event : client.events.end();
+}
+
+void keepEvent(Switch &sw, Client &client, RppiEventMsg event) {
+  event.msgLen = sizeof event;
+  event.eventSeq = sw.nextEventSequence++;
+  client.events.push_back(event);
+  client.hadEvents = true;
+}
+
+// All that a client has not acknowledged gives way to the interfaces as they are.
+void startOver(Switch &sw, Client &client) {
+  client.events.clear();
+  client.outbox.clear();
+  if (sw.vrfs.at(client.vrf).routing) {
+    keepEvent(sw, client, routerEvent(TARNR_RTR_STARTUP_DONE));
+  }
+  for (const auto &[number, interface] : sw.interfaces) {
+    if (interface.vrf == client.vrf) {
+      for (const RppiEventMsg &event : eventsOfState(interface)) {
+        keepEvent(sw, client, event);
+      }
+    }
+  }
+  if (client.registered && !sw.restoring) {
+    deliverEvents(sw, client);
+  }
+}
+
+} // namespace
+
+uint32_t firstEventSequence(const Switch &sw) {
+  constexpr uint64_t STARTS = 2048; // and then over again
+  constexpr uint32_t EVENTS = 1 << 20;
+  return static_cast<uint32_t>(sw.journal.generation() % STARTS) * EVENTS + 1;
+}
+
+uint32_t sendRouterEvent(Switch &sw, uint32_t vrf, RppiEventMsg event) {
+  event.msgLen = sizeof event;
+  event.eventSeq = sw.nextEventSequence++;
+  for (auto &[id, client] : sw.clients) {
+    if (client.kind != ClientKind::ROUTER_EVENT || client.vrf != vrf) {
+      continue;
+    }
+    if (isAcknowledged(event.msgType)) {
+      client.events.push_back(event);
+      client.hadEvents = true;
+    }
+    if (client.events.size() > EVENTS_MAX) {
+      startOver(sw, client);
+    } else if (client.registered && !sw.restoring) {
+      client.outbox.add(event);
+      client.outbox.flush(sw.poller, nowMs());
+    }
+  }
+  return event.eventSeq;
+}
+
+void deliverEvents(Switch &sw, Client &client) {
+  for (const RppiEventMsg &event : client.events) {
+    client.outbox.add(event);
+  }
+  client.outbox.flush(sw.poller, nowMs());
+}
+
+int32_t acknowledgeEvent(Switch &sw, Client &client, uint32_t sequence) {
+  const auto found = findEvent(client, sequence);
+  if (found == client.events.end()) {
+    return TARN_NOT_FOUND;
+  }
+  const RppiEventMsg event = *found;
+  client.events.erase(found);
+  eventAcknowledged(sw, event);
+  if (client.events.empty() && client.hadEvents) {
+    client.hadEvents = false;
+    sw.journal.append("client settled " + std::to_string(client.id));
+  }
+  return TARN_OK;
+}
+
+bool eventIsAwaited(const Switch &sw, uint32_t vrf, uint32_t sequence) {
+  return !sw.restoring && std::any_of(sw.clients.begin(), sw.clients.end(), [vrf, sequence](const auto &entry) {
+    const Client &client = entry.second;
+    return client.kind == ClientKind::ROUTER_EVENT && client.vrf == vrf && client.registered &&
+           findEvent(client, sequence) != client.events.end();
+  });
+}
+
+const char *eventName(uint16_t type) {
+  for (const EventName &each : EVENT_NAMES) {
+    if (each.type == type) {
+      return each.name;
+    }
+  }
+  return "other";
+}
+
+std::string eventWord(const RppiEventMsg &event) {
+  constexpr std::string_view HEX = "0123456789abcdef";
+  const std::string_view bytes(reinterpret_cast<const char *>(&event), sizeof event);
+  std::string word;
+  for (const char each : bytes.substr(0, bytes.find_last_not_of('\0') + 1)) {
+    const auto byte = static_cast<unsigned char>(each);
+    word.append(1, HEX[byte >> 4]).append(1, HEX[byte & 15]);
+  }
+  return word;
+}
+
+bool parseEventWord(std::string_view word, RppiEventMsg &event) {
+  unsigned char bytes[sizeof event] = {};
+  if (word.empty() || word.size() % 2 != 0 || word.size() > 2 * sizeof bytes) {
+    return false;
+  }
+  for (size_t index = 0; index < word.size(); ++index) {
+    const char digit = word[index];
+    const int value = digit >= '0' && digit <= '9' ? digit - '0' : digit >= 'a' && digit <= 'f' ? digit - 'a' + 10 : -1;
+    if (value < 0) {
+      return false;
+    }
+    bytes[index / 2] = static_cast<unsigned char>(bytes[index / 2] << 4 | value);
+  }
+  std::memcpy(&event, bytes, sizeof event);
+  return true;
+}
+
+} // namespace orrin

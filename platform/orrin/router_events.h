@@ -1,0 +1,33 @@
+// Router events: to all router clients of a VRF, kept for each until it acknowledges. What a client leaves behind goes to the
+// next one of its name, and so does what happens in between.
+#pragma once
+
+#include "switch.h"
+
+#include <cstdint>
+#include <string>
+
+namespace orrin {
+
+// Where a starting orrin begins to count, so that a late acknowledgement of an event of the orrin before meets none of its own.
+uint32_t firstEventSequence(const Switch &sw);
+
+// Fills in length and sequence, and sends. Returns the sequence.
+uint32_t sendRouterEvent(Switch &sw, uint32_t vrf, RppiEventMsg event);
+
+// A tarnapi.h result.
+int32_t acknowledgeEvent(Switch &sw, Client &client, uint32_t sequence);
+
+// Is there a registered client of the VRF that has yet to acknowledge the event?
+bool eventIsAwaited(const Switch &sw, uint32_t vrf, uint32_t sequence);
+
+// After a client was registered: everything that it has to know is sent.
+void deliverEvents(Switch &sw, Client &client);
+
+const char *eventName(uint16_t type);
+
+// An event of a client as one word for the state folder, and back; false when the word is none.
+std::string eventWord(const RppiEventMsg &event);
+bool parseEventWord(std::string_view word, RppiEventMsg &event);
+
+} // namespace orrin

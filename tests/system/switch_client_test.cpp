@@ -353,6 +353,26 @@ TEST_F(SwitchClient, AnOrrinStartedAnewSendsWhatMayHaveBeenLost) {
   EXPECT_EQ(registerBestRoute(id), TARN_OK);
 }
 
+// The library asks for a batch while it hands out the one before.
+TEST_F(SwitchClient, ABatchUnderWayWhenOrrinEndsIsNotLost) {
+  uint32_t id = 0;
+  ASSERT_EQ(registerBestRoute(id), TARN_OK);
+  orrin.run("routes add vrf 3 20.0.0.0/32 count 20000 via 10.1.1.2 interface 11");
+  std::set<std::string> prefixes;
+  for (const BestRouteRecord &record : fetch(id).records) {
+    prefixes.insert("add " + prefixOf(record));
+  }
+  EXPECT_EQ(prefixes.size(), BATCH);
+  orrin.end(SIGKILL);
+  orrin.start();
+  EXPECT_EQ(rpcclt_tarnapiConnectivityCheck(client), TARN_OK);
+  for (const std::string &change : drain(id)) {
+    prefixes.insert(change);
+  }
+  EXPECT_EQ(prefixes.size(), 20000u);
+  EXPECT_EQ(rpcclt_rpc_failure_occured(), 0);
+}
+
 TEST_F(SwitchClient, ASuccessorWithdrawsWhatItsForerunnerMayHold) {
   orrin.run("routes add vrf 3 10.0.0.0/16 count 2 via 10.1.1.2 interface 11");
   uint32_t id = 0;

@@ -28,7 +28,7 @@ struct osapiSema {
   pthread_mutex_t gate;
   std::atomic<uint32_t> waiting; // threads at the gate or inside it
   std::atomic<pthread_t> owner;  // 0 = free; a thread may rely on it only to learn whether it is the owner itself
-  uint32_t depth;                // written by the owner
+  uint32_t depth;                // of the owner's takes, which the mutex counts as one; the owner's alone
 };
 
 namespace {
@@ -75,18 +75,13 @@ int lockInTurn(osapiSema *sema) {
 }
 
 int32_t mutexTake(osapiSema *sema, int32_t timeout) {
-  int error;
-  if (timeout == QV_NO_WAIT) {
-    error = pthread_mutex_trylock(&sema->mutex);
-  } else if (ownedByCaller(sema)) {
-    error = lockRetrying(&sema->mutex); // never through the gate: a thread inside it waits for this very owner
-  } else {
-    error = lockInTurn(sema);
+  if (!ownedByCaller(sema)) { // the owner never goes through the gate: a thread inside it waits for this very owner
+    const int error = timeout == QV_NO_WAIT ? pthread_mutex_trylock(&sema->mutex) : lockInTurn(sema);
+    if (error != 0) {
+      return SEMA_FAILED;
+    }
+    sema->owner.store(pthread_self(), std::memory_order_relaxed);
   }
-  if (error != 0) {
-    return SEMA_FAILED;
-  }
-  sema->owner.store(pthread_self(), std::memory_order_relaxed);
   ++sema->depth;
   return SEMA_OK;
 }
@@ -95,9 +90,10 @@ int32_t mutexGive(osapiSema *sema) {
   if (!ownedByCaller(sema)) {
     return SEMA_FAILED;
   }
-  if (--sema->depth == 0) {
-    sema->owner.store(pthread_t{}, std::memory_order_relaxed);
+  if (--sema->depth != 0) {
+    return SEMA_OK;
   }
+  sema->owner.store(pthread_t{}, std::memory_order_relaxed);
   return resultOf(pthread_mutex_unlock(&sema->mutex));
 }
 

@@ -8,7 +8,9 @@
 #include <memory>
 #include <new>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/time.h>
+#include <unistd.h>
 
 namespace {
 
@@ -17,10 +19,12 @@ constexpr timeval RECEIVE_TIMEOUT = {.tv_sec = 2, .tv_usec = 0};
 constexpr size_t ANSWER_BYTES = 8192;     // a link with all its attributes
 constexpr size_t DUMP_READ_BYTES = 65536; // the kernel makes the parts of a dump at most 32 KB
 
+// The plain system calls, since send() and recv() are points of cancellation: a thread that was cancelled there would take a
+// lock of its caller with it, and leaving and entering the cancellable state costs a route as much as the locks do.
 bool sendWhole(int fd, NetlinkBytes request) {
   ssize_t sent;
   do {
-    sent = send(fd, request.data(), request.size(), 0);
+    sent = syscall(SYS_sendto, fd, request.data(), request.size(), 0, nullptr, 0);
   } while (sent < 0 && errno == EINTR);
   return sent == static_cast<ssize_t>(request.size());
 }
@@ -28,7 +32,7 @@ bool sendWhole(int fd, NetlinkBytes request) {
 ssize_t receive(int fd, std::span<std::byte> buffer, int flags) {
   ssize_t length;
   do {
-    length = recv(fd, buffer.data(), buffer.size(), flags);
+    length = syscall(SYS_recvfrom, fd, buffer.data(), buffer.size(), flags, nullptr, nullptr);
   } while (length < 0 && errno == EINTR);
   return length;
 }

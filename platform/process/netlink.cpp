@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <linux/if_link.h>
 #include <memory>
+#include <net/if.h>
 #include <new>
 #include <sys/socket.h>
 #include <sys/syscall.h>
@@ -133,6 +134,9 @@ NetlinkDump netlinkDump(int fd, uint32_t &seq, NetlinkRequest &request, uint16_t
 }
 
 NetlinkResult netlinkDeviceIndex(int fd, uint32_t &seq, const char *device, uint32_t &ifIndex) {
+  if (strlen(device) >= IFNAMSIZ) {
+    return {.carried = true, .error = ENODEV}; // no device has such a name, and the request has no room for it
+  }
   ifinfomsg anyLink{};
   NetlinkRequest request(RTM_GETLINK, 0, anyLink);
   request.attrText(IFLA_IFNAME, device);

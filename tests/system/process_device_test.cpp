@@ -110,8 +110,10 @@ TEST_F(Addresses, stripTakesEveryAddressOfTheDevice) {
   EXPECT_THAT(addresses("rt1"), ElementsAre());
   EXPECT_EQ(osapiIfAddrDel("rt1"), 0);
   EXPECT_EQ(addresses("rt2"), others);
-  EXPECT_EQ(osapiIfAddrDel("rt7"), 1);
-  EXPECT_EQ(errno, ENODEV);
+  for (const std::string &device : {std::string("rt7"), std::string("rt123456789abcde"), std::string(4000, 'r')}) {
+    EXPECT_EQ(osapiIfAddrDel(device.c_str()), 1);
+    EXPECT_EQ(errno, ENODEV);
+  }
 }
 
 TEST_F(Devices, hardwareAddressFlagsAndMtu) {

@@ -92,7 +92,7 @@ extern "C" int32_t osapiMsgQueueGetNumMsgs(osapiMsgQueue *queue, uint32_t *count
 }
 
 extern "C" int32_t osapiMessageSend(osapiMsgQueue *queue, const void *message, uint32_t size, int32_t wait, uint32_t) {
-  if (size > queue->msgSize) {
+  if (size > queue->msgSize && (wait == QV_WAIT_FOREVER || wait == QV_NO_WAIT)) {
     return QUEUE_FAILED;
   }
   const int32_t result = osapiSemaTake(queue->places, wait); // refuses another wait value with the queue's own result

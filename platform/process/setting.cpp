@@ -56,12 +56,11 @@ extern "C" int32_t osapiIfIpv4IcmpSendDestinationUnreachableSet(const char *name
 
 // The kernel sends redirects when either the device or "all" says so: "all" is cleared, so that the device decides.
 extern "C" int32_t osapiIfIpv4IcmpRedirectSendSet(const char *name, uint32_t mode) {
-  const std::string device(name);
-  if (device.find('/') != std::string::npos) {
-    errno = ENODEV;
+  uint32_t ifIndex = 0;
+  if (osapiStackIfIndexGet(name, &ifIndex) != 0) { // "all" and "default" are folders too, but no devices
     return 1;
   }
-  const int32_t result = ipv4Set("conf/" + device + "/send_redirects", mode != 0 ? 1 : 0);
+  const int32_t result = ipv4Set("conf/" + std::string(name) + "/send_redirects", mode != 0 ? 1 : 0);
   return result == 0 ? ipv4Set("conf/all/send_redirects", 0) : result;
 }
 

@@ -4,6 +4,8 @@
 
 #include <cerrno>
 #include <ctime>
+#include <memory>
+#include <new>
 #include <pthread.h>
 
 namespace {
@@ -12,6 +14,23 @@ constexpr uint32_t TASK_NAME_SIZE = 16; // of the kernel, NUL included
 constexpr uint32_t MSEC_PER_SEC = 1000;
 constexpr long NSEC_PER_MSEC = 1000000;
 constexpr long NSEC_PER_SEC = 1000000000;
+
+struct TaskStart {
+  void *(*entry)(void *arg);
+  void *arg;
+  char name[TASK_NAME_SIZE];
+};
+
+// The thread names itself: a task that detaches itself and ends at once leaves no thread to name from outside.
+void *taskRun(void *start) {
+  TaskStart task{};
+  {
+    const std::unique_ptr<TaskStart> given(static_cast<TaskStart *>(start));
+    task = *given;
+  }
+  pthread_setname_np(pthread_self(), task.name);
+  return task.entry(task.arg);
+}
 
 timespec sinceBoot() {
   timespec now{};
@@ -23,14 +42,19 @@ timespec sinceBoot() {
 
 extern "C" uint64_t osapiTaskCreate(const char *name, void *(*entry)(void *arg), uint32_t, void *arg, uint32_t,
                                     uint32_t, uint32_t) {
+  std::unique_ptr<TaskStart> start(new (std::nothrow) TaskStart{.entry = entry, .arg = arg, .name = {}});
+  if (!start) {
+    errno = ENOMEM;
+    return 0;
+  }
+  osapiStrncpySafe(start->name, name, sizeof start->name);
   pthread_t thread;
-  const int error = pthread_create(&thread, nullptr, entry, arg);
+  const int error = pthread_create(&thread, nullptr, taskRun, start.get());
   if (error != 0) {
     errno = error;
     return 0;
   }
-  char shortName[TASK_NAME_SIZE];
-  pthread_setname_np(thread, osapiStrncpySafe(shortName, name, sizeof shortName));
+  start.release(); // the thread's
   return thread;
 }
 

@@ -178,6 +178,7 @@ TEST(Queue, boundedFifo) {
   }
   EXPECT_EQ(osapiMessageSend(queue, &out, 5, QV_NO_WAIT, 0), 1) << "too long";
   EXPECT_EQ(osapiMessageSend(queue, &out, 4, 5, 0), 2);
+  EXPECT_EQ(osapiMessageSend(queue, &out, 5, 5, 0), 2) << "the wait value is looked at first";
   EXPECT_EQ(osapiMessageReceive(queue, &out, 4, 5), 2);
   const uint8_t shorter = 0xff;
   EXPECT_EQ(osapiMessageSend(queue, &shorter, 1, QV_NO_WAIT, 0), 0);

@@ -25,6 +25,8 @@
 
 namespace {
 
+constexpr std::string_view AGENT_PROGRAM = "mirel";
+
 constexpr int EXIT_FAILED = 1;
 constexpr std::chrono::seconds ANSWER_TIME{60};
 constexpr timeval CONNECT_TIME = {.tv_sec = 5, .tv_usec = 0};
@@ -65,20 +67,53 @@ std::vector<std::string> argumentsOf(int pid) {
   return arguments;
 }
 
+std::string programOf(int pid) {
+  const UniqueFd fd(open(("/proc/" + std::to_string(pid) + "/comm").c_str(), O_RDONLY | O_CLOEXEC));
+  char name[16];
+  const ssize_t length = read(fd.get(), name, sizeof name);
+  return length > 0 ? std::string(name, static_cast<size_t>(length - 1)) : ""; // without its line end
+}
+
+// The number after the last hyphen of the first argument, as the agent reads it; an agent whose argument has none serves
+// VRF 0.
+std::optional<uint32_t> vrfOf(int pid, const std::string &argument) {
+  const size_t hyphen = argument.rfind('-');
+  if (hyphen != std::string::npos) {
+    return static_cast<uint32_t>(strtol(argument.c_str() + hyphen + 1, nullptr, 10));
+  }
+  return programOf(pid) == AGENT_PROGRAM ? std::optional<uint32_t>(0) : std::nullopt;
+}
+
 Agent agentOf(int pid, std::string socketPath) {
   Agent agent = {pid, std::nullopt, "", std::move(socketPath)};
   const std::vector<std::string> arguments = argumentsOf(pid);
   for (const std::string &argument : arguments) {
     agent.commandLine += (agent.commandLine.empty() ? "" : " ") + argument;
   }
-  if (arguments.size() > 1 && arguments[1].find('-') != std::string::npos) {
-    agent.vrf = numberRead<uint32_t>(std::string_view(arguments[1]).substr(arguments[1].rfind('-') + 1));
+  if (arguments.size() > 1) {
+    agent.vrf = vrfOf(pid, arguments[1]);
   }
   return agent;
 }
 
 bool processRuns(int pid) {
   return access(("/proc/" + std::to_string(pid)).c_str(), F_OK) == 0;
+}
+
+UniqueFd connectTo(const std::string &path) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  if (path.size() >= sizeof address.sun_path) {
+    errno = ENAMETOOLONG;
+    return {};
+  }
+  memcpy(address.sun_path, path.c_str(), path.size());
+  UniqueFd fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+  setsockopt(fd.get(), SOL_SOCKET, SO_SNDTIMEO, &CONNECT_TIME, sizeof CONNECT_TIME); // holds for connect and send
+  if (!fd || connect(fd.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
+    return {};
+  }
+  return fd;
 }
 
 // The processes with a debug shell, in the order of their numbers. Sockets that dead processes left are removed.
@@ -96,8 +131,8 @@ std::vector<Agent> agentsFind() {
     std::string path = devshellDir() + "/" + entry->d_name;
     if (processRuns(*pid)) {
       agents.push_back(agentOf(*pid, std::move(path)));
-    } else {
-      unlink(path.c_str());
+    } else if (!connectTo(path) && errno == ECONNREFUSED) {
+      unlink(path.c_str()); // nobody listens, not even a process whose number counts elsewhere
     }
   }
   std::sort(agents.begin(), agents.end(), [](const Agent &a, const Agent &b) { return a.pid < b.pid; });
@@ -111,22 +146,6 @@ int list() {
            agent.commandLine.c_str());
   }
   return 0;
-}
-
-UniqueFd connectTo(const std::string &path) {
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  if (path.size() >= sizeof address.sun_path) {
-    errno = ENAMETOOLONG;
-    return {};
-  }
-  memcpy(address.sun_path, path.c_str(), path.size());
-  UniqueFd fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
-  setsockopt(fd.get(), SOL_SOCKET, SO_SNDTIMEO, &CONNECT_TIME, sizeof CONNECT_TIME); // holds for connect and send
-  if (!fd || connect(fd.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
-    return {};
-  }
-  return fd;
 }
 
 // One packet of the answer; false when the agent ended, or did not answer in time.

@@ -1,5 +1,6 @@
 // Start-up: turns a fresh process into the mirror agent of one VRF, in a fixed order, and enters the main loop. Main
-// thread. Until the VRF's name is known, logs carry its number. Nothing is torn down: a failed step leaves what was created before it to the end of the process.
+// thread. Until the VRF's name is known, logs carry its number. Nothing is torn down: a failed step leaves what was
+// created before it to the end of the process.
 
 #include "mirel.h"
 
@@ -33,7 +34,7 @@ enum ExitStatus { EXIT_FATAL = 0, EXIT_USAGE = 1, EXIT_NO_PLATFORM = 2 };
 void standardDescriptorsOpen() {
   int fd;
   do {
-    fd = open("/dev/null", O_RDWR | O_CLOEXEC);
+    fd = open("/dev/null", O_RDWR); // kept over exec: the shell commands that the agent runs need them as much
   } while (fd >= 0 && fd <= STDERR_FILENO);
   if (fd > STDERR_FILENO) {
     close(fd);

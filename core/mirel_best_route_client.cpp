@@ -24,14 +24,17 @@ int32_t registerOnce(uint32_t pid, const tarn_buffdesc *clientName, Relaxed<uint
   return status;
 }
 
-const char *refusalReason(int32_t status) {
+void refusalLog(int32_t status) {
   switch (status) {
   case TARN_EXISTS:
-    return "Client name already registered";
+    qvproc_logf(SEVERITY_ERROR, COMPONENT_MIREL, LOG_AREA, __LINE__, "Client name already registered");
+    break;
   case TARN_FULL:
-    return "Client list already full";
+    qvproc_logf(SEVERITY_ERROR, COMPONENT_MIREL, LOG_AREA, __LINE__, "Client list already full");
+    break;
   default:
-    return "Other failure";
+    qvproc_logf(SEVERITY_ERROR, COMPONENT_MIREL, LOG_AREA, __LINE__, "Other failure");
+    break;
   }
 }
 
@@ -46,7 +49,7 @@ int mirelBestRouteClientStart(uint32_t pid, const tarn_buffdesc *clientName, Rel
   }
   if (status != TARN_OK) {
     MIREL_LOG(SEVERITY_ERROR, "Mirel: Failed to register as best route change client.");
-    qvproc_logf(SEVERITY_ERROR, COMPONENT_MIREL, LOG_AREA, __LINE__, "%s", refusalReason(status));
+    refusalLog(status);
     return -1;
   }
   MIREL_TRACE(TRACE_GENERAL, "mirelBestRouteClientStart", "best route client registration successful, client id %p\n",

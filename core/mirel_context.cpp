@@ -11,7 +11,7 @@ uint32_t mirelPid = 0;
 tarn_buffdesc clientNameDesc = {};
 tarnapiClient *tarnapiClientHandle = nullptr;
 osapiSema *mirelApiSema = nullptr;
-SyncdbClient syncdbClient = {.syncdbNotifyFd = -1, .clientId = 0, .reserved8 = {}};
+SyncdbClient syncdbClient = {};
 RouteNetlinkSock routeNetlinkSock = {.fd = -1, .seq = 0, .name = "netlink-request_dx-to-kernel"};
 
 Relaxed<int> rppi_evnt_fd = -1;
@@ -45,5 +45,5 @@ void mirelEventCountIncrement(uint32_t msgType) {
 }
 
 void mirelSyncDbCfgChangeHandle() {
-  MIREL_TRACE(TRACE_GENERAL, "mirelSyncDbCfgChangeHandle", "Received a syncDb event\n");
+  mirelTracePrint(TRACE_GENERAL, __LINE__, "mirelSyncDbCfgChangeHandle", "Received a syncDb event\n");
 }

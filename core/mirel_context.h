@@ -100,4 +100,5 @@ int mirelVrfIdDiffers(uint32_t vrfId);
 // Counts one event of the type; a type above MIREL_EVENT_TYPE_MAX has no counter and is not counted.
 void mirelEventCountIncrement(uint32_t msgType);
 
+// Prints that the sync database has a notification; the caller looks at the debug mask.
 void mirelSyncDbCfgChangeHandle();

@@ -30,9 +30,7 @@ TEST_F(ContextTest, VrfIdDiffers) {
   EXPECT_EQ(mirelVrfIdDiffers(0), 1);
 }
 
-TEST_F(ContextTest, SyncDbEventIsOnlyTraced) {
-  EXPECT_EQ(printed(mirelSyncDbCfgChangeHandle), "");
-  mirelDebugFlags = 1;
+TEST_F(ContextTest, SyncDbEventIsOnlyPrinted) {
   EXPECT_EQ(printed(mirelSyncDbCfgChangeHandle),
             "[blue (VRF 3)]:mirelSyncDbCfgChangeHandle: Received a syncDb event\n");
 }

@@ -123,15 +123,17 @@ class Live:
         self.drawn = 0
 
     def show(self, rows):
+        silent = ["the switch does not answer"]
         if self.terminal:
-            lines = ["{:<12}{:>16}{:>16}{:>16}{:>12}".format(*row) for row in (self.HEAD, *rows)]
+            lines = ["{:<12}{:>16}{:>16}{:>16}{:>12}".format(*row) for row in (self.HEAD, *rows)] if rows else silent
             back = f"\x1b[{self.drawn}A" if self.drawn else ""
-            sys.stdout.write(back + "".join(f"\x1b[2K{line}\n" for line in lines))
+            # Each line is cleared before it is written, and so is what an earlier, longer table left below.
+            sys.stdout.write(back + "".join(f"\x1b[2K{line}\n" for line in lines) + "\x1b[J")
             sys.stdout.flush()
             self.drawn = len(lines)
         elif rows != self.last or time.monotonic() - self.last_time > QUIET_REPORT_EVERY:
-            self.say("; ".join(f"vrf {name}: switch {switch}, for the kernel {wanted}, kernel {kernel}, different {different}"
-                               for name, switch, wanted, kernel, different in rows) or "the switch does not answer")
+            line = "vrf {}: switch {}, for the kernel {}, kernel {}, different {}"
+            self.say("; ".join([line.format(*row) for row in rows] or silent))
             self.last_time = time.monotonic()
         self.last = rows
 
@@ -252,20 +254,23 @@ def exec_inside(command):
 def main():
     if sys.argv[1:2] == ["exec"]:
         exec_inside(sys.argv[2:])
-    parser = argparse.ArgumentParser(prog="./lab", description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser = argparse.ArgumentParser(prog="./lab", description=__doc__,
+                                     formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--once", action="store_true", help="wait for the mirror, print it, end")
     options = parser.parse_args()
 
     if os.geteuid() != 0:
         sys.exit("lab: needs root, to make namespaces")
-    missing = [program for program in ("ip", "ifconfig", "nsenter") if not shutil.which(program, path="/usr/sbin:/usr/bin:/sbin:/bin")]
+    missing = [program for program in ("ip", "ifconfig", "nsenter")
+               if not shutil.which(program, path="/usr/sbin:/usr/bin:/sbin:/bin")]
     if missing:
         sys.exit(f"lab: missing: {', '.join(missing)}; run scripts/install")
     handle = lock_pid_file(fcntl.LOCK_EX)
     if handle is None:
         sys.exit("lab: already running from this folder")
 
-    sandbox = labnet.start_sandbox(run_once if options.once else run_live, lambda pid: os.pwrite(handle, f"{pid}\n".encode(), 0))
+    work = run_once if options.once else run_live
+    sandbox = labnet.start_sandbox(work, lambda pid: os.pwrite(handle, f"{pid}\n".encode(), 0))
     for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
         signal.signal(number, lambda *_: os.kill(sandbox, signal.SIGINT))
     status = os.waitstatus_to_exitcode(os.waitpid(sandbox, 0)[1])

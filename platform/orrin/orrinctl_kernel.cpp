@@ -20,7 +20,7 @@
 namespace {
 
 constexpr uint8_t AGENT_PROTOCOL = 25;
-constexpr int DUMP_ATTEMPTS = 5;
+constexpr int DUMP_ATTEMPTS = 2;
 constexpr time_t DUMP_TIMEOUT_S = 30;
 constexpr size_t DUMP_BUFFER = 64 * 1024; // the kernel fills at most 32 KiB a read
 

@@ -1,6 +1,5 @@
-// Calls over the calling thread's own connection, or ahead of their need over one of their own. The only thing shared between
-// threads is the failure indication. A thread may be cancelled at any time: not within a call, whose frames hold what must be
-// given back.
+// Calls over the calling thread's own connection. The only thing shared between threads is the failure indication. A thread
+// may be cancelled at any time: not within a call, whose frames hold what must be given back.
 
 #include "connection.h"
 
@@ -76,16 +75,12 @@ private:
   tarnwire::Published *page_ = nullptr;
 };
 
-enum class Outcome { DONE, STALE, FAILED }; // STALE: orrin has ended the connection
-
-} // namespace
+enum class Outcome { DONE, STALE, FAILED };
 
 class Connection {
 public:
-  Outcome send(const tarnwire::Request &request, std::string_view tail, uint64_t deadline);
-  Outcome receive(uint32_t sequence, uint64_t deadline, Answer &answer);
+  Outcome exchange(const tarnwire::Request &request, std::string_view tail, uint64_t deadline, Answer &answer);
   bool ready(uint64_t deadline);
-  bool isOpen() const { return socket_ && owner_ == getpid(); }
   void close() { socket_.reset(); }
   const tarnwire::Published *page() const { return page_.get(); }
   uint32_t nextSequence() { return ++sequence_; }
@@ -103,12 +98,8 @@ private:
   alignas(8) std::byte buffer_[tarnwire::REPLY_MAX];
 };
 
-namespace {
-
 // Too large for thread-local storage of a library, and most threads of a process never call.
 thread_local std::unique_ptr<Connection> threadConnection;
-
-} // namespace
 
 bool Connection::waitFor(short events, uint64_t deadline) const {
   for (;;) {
@@ -179,13 +170,14 @@ bool Connection::open(uint64_t deadline) {
 }
 
 bool Connection::ready(uint64_t deadline) {
-  if (!isOpen()) {
+  if (socket_ && owner_ != getpid()) {
     close(); // the parent's: an answer on it could be the parent's too
   }
   return socket_ || open(deadline);
 }
 
-Outcome Connection::send(const tarnwire::Request &request, std::string_view tail, uint64_t deadline) {
+Outcome Connection::exchange(const tarnwire::Request &request, std::string_view tail, uint64_t deadline,
+                             Answer &answer) {
   iovec data[2] = {{const_cast<tarnwire::Request *>(&request), sizeof request},
                    {const_cast<char *>(tail.data()), tail.size()}};
   msghdr message{};
@@ -200,24 +192,17 @@ Outcome Connection::send(const tarnwire::Request &request, std::string_view tail
       return error == EPIPE || error == ECONNRESET ? Outcome::STALE : Outcome::FAILED;
     }
   }
-  return Outcome::DONE;
-}
-
-Outcome Connection::receive(uint32_t sequence, uint64_t deadline, Answer &answer) {
   while (waitFor(POLLIN, deadline)) {
     const ssize_t length = recv(socket_.get(), buffer_, sizeof buffer_, MSG_DONTWAIT);
     if (length < 0 && (errno == EAGAIN || errno == EINTR)) {
       continue;
-    }
-    if (length <= 0) {
-      return Outcome::STALE;
     }
     tarnwire::Reply reply;
     if (length < static_cast<ssize_t>(sizeof reply)) {
       return Outcome::FAILED;
     }
     std::memcpy(&reply, buffer_, sizeof reply);
-    if (reply.sequence != sequence) {
+    if (reply.sequence != request.sequence) {
       return Outcome::FAILED;
     }
     answer = {reply.result, reply.values, {buffer_ + sizeof reply, static_cast<size_t>(length) - sizeof reply}};
@@ -226,8 +211,6 @@ Outcome Connection::receive(uint32_t sequence, uint64_t deadline, Answer &answer
   return Outcome::FAILED;
 }
 
-namespace {
-
 // False when no answer came; `answer` is then as it was.
 bool callOn(Connection &connection, tarnwire::Op op, const std::array<uint32_t, 6> &args, std::string_view tail,
             Answer &answer) {
@@ -235,12 +218,12 @@ bool callOn(Connection &connection, tarnwire::Op op, const std::array<uint32_t, 
   // The second try is for a connection whose orrin has gone since the last call: it has not seen this request.
   for (int attempt = 0; attempt < 2 && connection.ready(deadline); ++attempt) {
     const tarnwire::Request request{op, connection.nextSequence(), args};
-    const Outcome sent = connection.send(request, tail, deadline);
-    if (sent == Outcome::DONE && connection.receive(request.sequence, deadline, answer) == Outcome::DONE) {
+    const Outcome outcome = connection.exchange(request, tail, deadline, answer);
+    if (outcome == Outcome::DONE) {
       return true;
     }
     connection.close();
-    if (sent != Outcome::STALE) {
+    if (outcome == Outcome::FAILED) {
       break;
     }
   }
@@ -265,55 +248,6 @@ Answer call(tarnwire::Op op, const std::array<uint32_t, 6> &args, std::string_vi
     failed.store(true, std::memory_order_relaxed);
   }
   return answer;
-}
-
-CallAhead::CallAhead() = default;
-CallAhead::~CallAhead() = default;
-
-void CallAhead::ask(tarnwire::Op op, const std::array<uint32_t, 6> &args) {
-  const NoCancel noCancel;
-  op_ = op;
-  args_ = args;
-  asked_ = true;
-  sent_ = 0;
-  if (connection_ != nullptr && connection_->isOpen()) {
-    const tarnwire::Request request{op, connection_->nextSequence(), args};
-    sent_ = connection_->send(request, {}, 0) == Outcome::DONE ? request.sequence : 0;
-  }
-}
-
-Answer CallAhead::take() {
-  const NoCancel noCancel;
-  if (connection_ == nullptr) {
-    connection_.reset(new (std::nothrow) Connection);
-  }
-  Answer answer;
-  answer.result = TARN_FAILURE;
-  bool answered = false;
-  bool callNow = connection_ != nullptr;
-  if (callNow && sent_ != 0 && connection_->isOpen()) {
-    const Outcome outcome = connection_->receive(sent_, milliseconds() + CALL_LIMIT_MS, answer);
-    answered = outcome == Outcome::DONE;
-    callNow = outcome == Outcome::STALE; // orrin has gone since: what it prepared is lost, and asked for once more
-    if (!answered) {
-      connection_->close();
-    }
-  }
-  if (callNow) {
-    answered = callOn(*connection_, op_, args_, {}, answer);
-  }
-  asked_ = false;
-  if (!answered) {
-    failed.store(true, std::memory_order_relaxed);
-  }
-  return answer;
-}
-
-void CallAhead::cancel() {
-  asked_ = false;
-  if (connection_ != nullptr) {
-    connection_->close();
-  }
 }
 
 const tarnwire::Published *publishedFor(tarnwire::Op op) {

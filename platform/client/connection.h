@@ -7,7 +7,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <memory>
 #include <span>
 #include <string_view>
 
@@ -23,30 +22,6 @@ struct Answer {
 // One remote call, 5 seconds at most in all. TARN_FAILURE when it could not be carried out, which is then also a remote call
 // that failed, but for CONNECTIVITY_CHECK, which only asks.
 Answer call(tarnwire::Op op, const std::array<uint32_t, 6> &args, std::string_view tail = {});
-
-class Connection;
-
-// A call whose request goes out ahead of the need for its answer, which orrin prepares meanwhile; on a connection of its own.
-// Used by one thread at a time. A failure shows when the answer is taken, as that of a call() would.
-class CallAhead {
-public:
-  CallAhead();
-  ~CallAhead();
-
-  void ask(tarnwire::Op op, const std::array<uint32_t, 6> &args);
-  bool asked() const { return asked_; }
-  // The answer to what was asked; waits for 5 seconds at most. `tail` is valid until the next take().
-  Answer take();
-  // Without the answer.
-  void cancel();
-
-private:
-  std::unique_ptr<Connection> connection_;
-  tarnwire::Op op_{};
-  std::array<uint32_t, 6> args_{};
-  bool asked_ = false;
-  uint32_t sent_ = 0; // sequence of the request under way, 0 = it could not go out ahead
-};
 
 // The page that answers in orrin's stead for this call; null when orrin itself must be asked.
 const tarnwire::Published *publishedFor(tarnwire::Op op);

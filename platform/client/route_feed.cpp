@@ -1,6 +1,6 @@
-// The feeds of this process, one for each client id that has fetched: a fixed buffer each, whatever the number of routes, and
-// while a batch is handed out orrin prepares the next. A feed is used by any thread, under its lock; feeds are never freed, a
-// forgotten one serves the next client.
+// The feeds of this process, one for each client id that has fetched: a fixed buffer each, whatever the number of routes. A
+// feed is used by any thread, under its lock; feeds are never freed, a forgotten one serves the next client. The next batch is
+// asked for when all of the one before is with the caller, and not sooner: asking acknowledges.
 
 #include "route_feed.h"
 
@@ -19,22 +19,17 @@ struct Feed {
   Feed *next = nullptr; // fixed once the feed is in the list
   std::mutex lock;
   std::atomic<uint32_t> client{0}; // 0 = free; written under the lock
-  CallAhead ahead;                 // the fetch of the batch behind it
   uint64_t batch = 0;              // the last received
   bool last = false;               // nothing waited behind it
-  std::span<const std::byte> held; // what of it is still to hand out
+  uint32_t begin = 0;              // of what is still to hand out
+  uint32_t end = 0;
+  std::byte routes[tarnwire::REPLY_MAX];
 
   void reset(uint32_t owner) {
     client.store(owner, std::memory_order_relaxed);
-    ahead.cancel();
     batch = 0;
     last = false;
-    held = {};
-  }
-
-  std::array<uint32_t, 6> request(bool onlyWhetherAllowed) const {
-    return {client.load(std::memory_order_relaxed), static_cast<uint32_t>(batch), static_cast<uint32_t>(batch >> 32),
-            onlyWhetherAllowed ? 1u : 0u};
+    begin = end = 0;
   }
 };
 
@@ -127,30 +122,35 @@ size_t unpackRoute(std::span<const std::byte> routes, BestRouteRecord &record) {
   return used;
 }
 
-constexpr tarnwire::Op FETCH = tarnwire::BEST_ROUTE_CHANGE_NEXT_GET;
-
-int32_t failedWith(Feed &feed, int32_t result) {
-  if (result == TARN_NOT_FOUND) { // orrin knows the client no more: nothing held is of use
-    feed.reset(0);
+// The client's feed with its lock taken; none without memory. Until the lock is there, another thread may have forgotten the
+// client and given the feed to the next.
+Feed *lockFeed(uint32_t client, std::unique_lock<std::mutex> &lock) {
+  while (Feed *feed = feedFor(client)) {
+    lock = std::unique_lock(feed->lock);
+    if (feed->client.load(std::memory_order_relaxed) == client) {
+      return feed;
+    }
+    lock.unlock();
   }
-  return result;
+  return nullptr;
 }
 
-// Takes the next batch, and asks for the one behind it.
-int32_t fetch(Feed &feed) {
-  if (!feed.ahead.asked()) {
-    feed.ahead.ask(FETCH, feed.request(false));
+// Asks for the next batch, or, with records held, only whether they may be handed out.
+int32_t fetch(Feed &feed, uint32_t client, bool held) {
+  const Answer answer =
+      call(tarnwire::BEST_ROUTE_CHANGE_NEXT_GET,
+           {client, static_cast<uint32_t>(feed.batch), static_cast<uint32_t>(feed.batch >> 32), held ? 1u : 0u});
+  if (answer.result == TARN_NOT_FOUND) { // orrin knows the client no more: nothing held is of use
+    feed.reset(0);
   }
-  const Answer answer = feed.ahead.take();
-  if (answer.result != TARN_OK && answer.result != TARN_NO_MORE) {
-    return failedWith(feed, answer.result);
+  if (held || (answer.result != TARN_OK && answer.result != TARN_NO_MORE)) {
+    return answer.result;
   }
   feed.batch = uint64_t{answer.values[1]} << 32 | answer.values[0];
   feed.last = answer.result == TARN_NO_MORE;
-  feed.held = answer.tail;
-  if (!feed.last) {
-    feed.ahead.ask(FETCH, feed.request(false));
-  }
+  feed.begin = 0;
+  feed.end = static_cast<uint32_t>(answer.tail.size());
+  std::memcpy(feed.routes, answer.tail.data(), answer.tail.size());
   return TARN_OK;
 }
 
@@ -170,26 +170,26 @@ size_t unpackRoutes(std::span<const std::byte> &routes, std::span<BestRouteRecor
 }
 
 int32_t nextRouteChanges(uint32_t client, std::span<BestRouteRecord> records) {
-  Feed *feed = client == 0 ? nullptr : feedFor(client);
+  if (client == 0) {
+    return TARN_INVALID;
+  }
+  std::unique_lock<std::mutex> lock;
+  Feed *feed = lockFeed(client, lock);
   if (feed == nullptr) {
-    return client == 0 ? TARN_INVALID : TARN_FAILURE;
+    return TARN_FAILURE;
   }
-  const std::lock_guard guard(feed->lock);
-  // What orrin has already given is handed out without it, unless it wants to be asked.
-  if ((!feed->held.empty() || feed->ahead.asked()) && publishedFor(FETCH) == nullptr) {
-    if (const int32_t result = call(FETCH, feed->request(true)).result; result != TARN_OK) {
-      return failedWith(*feed, result);
-    }
-  }
-  if (feed->held.empty()) {
-    if (const int32_t result = fetch(*feed); result != TARN_OK) {
+  const bool held = feed->begin != feed->end;
+  if (!held || publishedFor(tarnwire::BEST_ROUTE_CHANGE_NEXT_GET) == nullptr) {
+    if (const int32_t result = fetch(*feed, client, held); result != TARN_OK) {
       return result;
     }
   }
-  if (unpackRoutes(feed->held, records) == 0) {
-    feed->held = {}; // bytes from which no route can be read are none
-  }
-  return feed->held.empty() && feed->last ? TARN_NO_MORE : TARN_OK;
+  std::span<const std::byte> rest(feed->routes + feed->begin, feed->end - feed->begin);
+  const size_t count = unpackRoutes(rest, records);
+  // Bytes from which no route can be read are none.
+  feed->begin = count == 0 ? feed->end : feed->end - static_cast<uint32_t>(rest.size());
+  // That nothing waits in orrin is known only now that it was asked: since the batch of an earlier call more may have come.
+  return !held && feed->last && feed->begin == feed->end ? TARN_NO_MORE : TARN_OK;
 }
 
 void forgetRouteChanges(uint32_t client) {

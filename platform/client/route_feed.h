@@ -1,5 +1,6 @@
 // Best-route changes on their way to the caller: many are fetched from orrin in one request, and handed out in batches of the
-// caller's size. A batch from orrin is acknowledged by the request for the next, so none is lost or handed out twice.
+// caller's size. A batch from orrin is acknowledged by the request for the next, which goes out when the caller has all of it: what
+// orrin counts as told was handed out, and nothing is handed out twice.
 #pragma once
 
 #include "tarnapi.h"

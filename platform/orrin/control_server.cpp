@@ -46,7 +46,6 @@ void ControlServer::serve(uint32_t number, uint32_t events) {
     return;
   }
   runLines(connection);
-  sw_.journal.flush();
   if (!sendOutput(connection) || (connection.ended && connection.output.empty())) {
     connections_.erase(entry);
     return;
@@ -72,22 +71,41 @@ bool ControlServer::receive(Connection &connection) {
 }
 
 void ControlServer::runLines(Connection &connection) {
+  std::vector<Outcome> outcomes;
+  size_t bytes = connection.output.size();
   size_t begin = 0;
-  while (connection.output.size() < OUTPUT_AT_ONCE) {
+  while (bytes < OUTPUT_AT_ONCE) {
     const size_t end = connection.input.find('\n', begin);
     if (end == std::string::npos) {
       break;
     }
-    std::string text;
-    const bool accepted = runCommand(sw_, std::string_view(connection.input).substr(begin, end - begin), text);
-    if (!text.empty() && text.back() != '\n') {
-      text += '\n';
-    }
-    connection.output.append(accepted ? "0 " : "1 ").append(std::to_string(text.size())).append(1, '\n').append(text);
+    Outcome outcome;
+    const uint64_t before = sw_.journal.appended();
+    outcome.accepted = runCommand(sw_, std::string_view(connection.input).substr(begin, end - begin), outcome.text);
+    outcome.kept = sw_.journal.appended() != before;
+    bytes += outcome.text.size();
+    outcomes.push_back(std::move(outcome));
     sw_.page.beat();
     begin = end + 1;
   }
   connection.input.erase(0, begin);
+  answer(connection, outcomes);
+}
+
+void ControlServer::answer(Connection &connection, std::vector<Outcome> &outcomes) {
+  const bool onFile = sw_.journal.flush();
+  for (Outcome &outcome : outcomes) {
+    if (outcome.accepted && outcome.kept && !onFile) {
+      outcome.accepted = false;
+      outcome.text = "done, but not kept for the next start: " + sw_.journal.trouble();
+    }
+    std::string &text = outcome.text;
+    if (!text.empty() && text.back() != '\n') {
+      text += '\n';
+    }
+    connection.output.append(outcome.accepted ? "0 " : "1 ");
+    connection.output.append(std::to_string(text.size())).append(1, '\n').append(text);
+  }
 }
 
 // False when the connection is lost.

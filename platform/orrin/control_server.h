@@ -1,5 +1,5 @@
-// The control socket: command lines in, for each in order "<status> <length>\n" and so many bytes of text out. While answers
-// wait for their reader no more commands are read from it.
+// The control socket: command lines in, for each in order "<status> <length>\n" and so many bytes of text out. Status 0 means
+// done and on file. While answers wait for their reader no more commands are read from it.
 #pragma once
 
 #include "listener.h"
@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <vector>
 
 namespace orrin {
 
@@ -29,8 +30,16 @@ private:
     bool ended = false;
   };
 
+  // What became of a command; its answer is written when it is known whether it is on file.
+  struct Outcome {
+    bool accepted = false;
+    bool kept = false; // to be
+    std::string text;
+  };
+
   bool receive(Connection &connection);
   void runLines(Connection &connection);
+  void answer(Connection &connection, std::vector<Outcome> &outcomes);
   bool sendOutput(Connection &connection);
 
   Switch &sw_;

@@ -1,5 +1,6 @@
 // Keeping accepted commands on file. Used by orrin's one thread. A line is written before its command is answered, so that a
 // killed orrin has lost nothing that it accepted; nothing is synced to the disk, a crash of the machine is not its matter.
+// Where the disk takes no more, lines wait for the next flush, and when they become many, for a rewrite of the whole state.
 
 #include "journal.h"
 
@@ -8,6 +9,7 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace orrin {
 
@@ -138,49 +140,67 @@ bool Journal::replay(const Apply &apply, std::string &error) {
   return true;
 }
 
-bool Journal::replace(const std::string &name, std::string_view text, std::string &error) {
-  const std::string target = path(name);
-  const std::string fresh = target + ".new";
-  const UniqueFd fd(::open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, FILE_MODE));
-  if (!fd || !writeAll(fd.get(), header(generation_)) || !writeAll(fd.get(), text) ||
-      rename(fresh.c_str(), target.c_str()) != 0) {
-    return failed(error, fresh);
+UniqueFd Journal::writeNew(const std::string &name, std::string_view text, uint64_t generation,
+                           std::string &error) const {
+  const std::string fresh = path(name) + ".new";
+  UniqueFd fd(::open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, FILE_MODE));
+  if (!fd || !writeAll(fd.get(), header(generation)) || !writeAll(fd.get(), text)) {
+    failed(error, fresh);
+    fd.reset();
+    unlink(fresh.c_str()); // it may be what fills the disk
   }
-  return true;
+  return fd;
+}
+
+bool Journal::moveInPlace(const std::string &name, std::string &error) const {
+  const std::string target = path(name);
+  return rename((target + ".new").c_str(), target.c_str()) == 0 || failed(error, target);
 }
 
 bool Journal::rewrite(std::string_view lines, std::string &error) {
-  ++generation_;
-  if (!replace("config", lines, error) || !replace("journal", {}, error)) {
+  const uint64_t next = generation_ + 1;
+  UniqueFd file = writeNew("journal", {}, next, error);
+  const bool written = file && writeNew("config", lines, next, error);
+  if (!written || !moveInPlace("config", error)) {
     return false;
   }
-  UniqueFd file(::open(path("journal").c_str(), O_WRONLY | O_APPEND | O_CLOEXEC));
-  if (!file) {
-    return failed(error, path("journal"));
-  }
-  file_ = std::move(file);
+  // From here on the journal in place belongs to the config before, and a start would pass over what is added to it.
+  generation_ = next;
+  broken_ = !moveInPlace("journal", error);
   pending_.clear();
+  if (broken_) {
+    trouble_ = error;
+    return false;
+  }
+  trouble_.clear();
+  file_ = std::move(file);
   configBytes_ = lines.size();
-  journalBytes_ = 0;
+  journalBytes_ = header(next).size();
   return true;
 }
 
 void Journal::append(std::string_view line) {
   if (file_) {
     pending_.append(line).append(1, '\n');
+    ++appended_;
   }
 }
 
-void Journal::flush() {
-  if (pending_.empty()) {
-    return;
+bool Journal::flush() {
+  if (broken_ || pending_.empty()) {
+    pending_.clear();
+    return !broken_;
   }
-  trouble_.clear();
-  if (!writeAll(file_.get(), pending_)) {
-    failed(trouble_, path("journal"));
+  if (writeAll(file_.get(), pending_)) {
+    journalBytes_ += pending_.size();
+    pending_.clear();
+    trouble_.clear();
+    return true;
   }
-  journalBytes_ += pending_.size();
-  pending_.clear();
+  failed(trouble_, path("journal"));
+  // A line that was cut off must not be the beginning of the next.
+  broken_ = ftruncate(file_.get(), static_cast<off_t>(journalBytes_)) != 0 || pending_.size() > PENDING_MAX;
+  return false;
 }
 
 } // namespace orrin

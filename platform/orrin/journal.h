@@ -26,25 +26,30 @@ public:
   bool replay(const Apply &apply, std::string &error);
   bool hadState() const { return hadState_; }
 
-  // Replaces all that is kept by these lines.
+  // Replaces all that is kept by these lines. False, with the reason, when what was kept is still kept instead.
   bool rewrite(std::string_view lines, std::string &error);
 
-  // Adds a line; it is on file after flush(). Nothing happens while no folder is open.
+  // Adds a line; it is on file after a flush() that returned true. Nothing happens while no folder is open.
   void append(std::string_view line);
-  void flush();
+  // False while lines are not on file; each further flush tries again.
+  bool flush();
 
-  // Large enough that it should be rewritten.
-  bool isLong() const { return journalBytes_ > LONG && journalBytes_ > 4 * configBytes_; }
-  // Why lines could not be written, empty when they were.
+  // So long, or so far behind, that it must be rewritten.
+  bool wantsRewrite() const { return broken_ || (journalBytes_ > LONG && journalBytes_ > 4 * configBytes_); }
+  // All that was ever appended, to see whether something was.
+  uint64_t appended() const { return appended_; }
+  // Why lines are not on file, empty when they are.
   const std::string &trouble() const { return trouble_; }
   const std::string &folder() const { return folder_; }
 
 private:
   static constexpr uint64_t LONG = 16 * 1024 * 1024;
+  static constexpr size_t PENDING_MAX = 64 * 1024; // in trouble
 
   bool load(std::string &error);
   std::string path(std::string_view name) const;
-  bool replace(const std::string &name, std::string_view text, std::string &error);
+  UniqueFd writeNew(const std::string &name, std::string_view text, uint64_t generation, std::string &error) const;
+  bool moveInPlace(const std::string &name, std::string &error) const;
 
   std::string folder_;
   UniqueFd lock_;
@@ -53,8 +58,10 @@ private:
   std::string pending_;
   std::string trouble_;
   uint64_t generation_ = 0;
-  uint64_t journalBytes_ = 0;
+  uint64_t appended_ = 0;
+  uint64_t journalBytes_ = 0; // whole lines on file
   uint64_t configBytes_ = 0;
+  bool broken_ = false; // lines are missing on file: only a rewrite makes it good again
   bool hadState_ = false;
 };
 

@@ -24,6 +24,7 @@ using namespace orrin;
 
 constexpr const char *DEFAULT_STATE = "/var/lib/orrin";
 constexpr uint64_t BEAT_MS = 200;
+constexpr uint64_t REWRITE_RETRY_MS = 5000;
 constexpr int BAD_USAGE = 2;
 
 struct Options {
@@ -167,9 +168,18 @@ private:
     endAckWaits(sw_);
     flushDueOutboxes(sw_);
     sw_.journal.flush();
-    if (std::string error; sw_.journal.isLong() && !writeState(sw_, error)) {
+    if (sw_.journal.wantsRewrite() && now >= rewriteDueMs_) {
+      rewriteState(now);
+    }
+  }
+
+  void rewriteState(uint64_t now) {
+    std::string error;
+    rewriteDueMs_ = writeState(sw_, error) ? now : now + REWRITE_RETRY_MS;
+    if (!error.empty() && error != complaint_) {
       fail(error);
     }
+    complaint_ = error;
   }
 
   void dispatch(const Poller::Event &event) {
@@ -213,6 +223,8 @@ private:
   ApiServer &api_;
   ControlServer &control_;
   uint64_t beatDueMs_ = 0;
+  uint64_t rewriteDueMs_ = 0;
+  std::string complaint_; // why the last rewrite failed
   bool ended_ = false;
 };
 
@@ -244,6 +256,9 @@ int main(int argc, char **argv) {
     return EXIT_FAILURE;
   }
   Loop(sw, api, control).run();
-  sw.journal.flush();
+  if (!sw.journal.flush()) {
+    fail(sw.journal.trouble());
+    return EXIT_FAILURE;
+  }
   return EXIT_SUCCESS;
 }

@@ -139,6 +139,12 @@ std::string OrrinProcess::run(const std::string &line) const {
   return answer;
 }
 
+void OrrinProcess::tell(const std::string &line, std::string &reason) const {
+  if (std::string answer; !command(line, answer)) {
+    reason = answer;
+  }
+}
+
 std::string OrrinProcess::refusal(const std::string &line) const {
   std::string answer;
   EXPECT_FALSE(command(line, answer)) << line << ": " << answer;

@@ -25,6 +25,8 @@ public:
 
   // A command that must be accepted, and its answer.
   std::string run(const std::string &command) const;
+  // A command that may be refused; the reason is then written.
+  void tell(const std::string &command, std::string &reason) const;
   // A command that must be refused, and the reason.
   std::string refusal(const std::string &command) const;
 

@@ -2,14 +2,17 @@
 
 #include "journal.h"
 
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 namespace {
 
 using namespace orrin;
+using Lines = std::vector<std::string>;
 
 class OrrinJournal : public testing::Test {
 protected:
@@ -21,11 +24,11 @@ protected:
   void TearDown() override { std::filesystem::remove_all(folder); }
 
   // What a start reads.
-  std::vector<std::string> lines(std::string *error = nullptr) {
+  Lines lines(std::string *error = nullptr) {
     Journal journal;
     std::string why;
     EXPECT_TRUE(journal.open(folder, why)) << why;
-    std::vector<std::string> read;
+    Lines read;
     const bool good = journal.replay(
         [&](std::string_view line, std::string &reason) {
           if (!line.starts_with('#')) {
@@ -42,12 +45,21 @@ protected:
     return read;
   }
 
+  // What a start would read while another journal has the folder.
+  Lines linesMeanwhile() {
+    const std::string original = folder;
+    folder += ".copy";
+    std::filesystem::copy(original, folder);
+    const Lines read = lines();
+    std::filesystem::remove_all(folder);
+    folder = original;
+    return read;
+  }
+
   void write(const char *file, const std::string &text) { std::ofstream(folder + "/" + file) << text; }
 
   std::string folder;
 };
-
-using Lines = std::vector<std::string>;
 
 TEST_F(OrrinJournal, ReadsConfigAndJournalAndTakesOverBoth) {
   std::string error;
@@ -76,6 +88,90 @@ TEST_F(OrrinJournal, InterruptedWritesAreNoState) {
   EXPECT_EQ(lines(), (Lines{"one", "two"}));
   write("config", "# generation 5\none and two\n"); // the journal was not replaced any more
   EXPECT_EQ(lines(), (Lines{"one and two"}));
+}
+
+// A disk that is full for files beyond so many bytes.
+class FileLimit {
+public:
+  explicit FileLimit(rlim_t bytes) {
+    std::signal(SIGXFSZ, SIG_IGN);
+    getrlimit(RLIMIT_FSIZE, &before_);
+    const rlimit wanted{bytes, before_.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &wanted);
+  }
+  ~FileLimit() { setrlimit(RLIMIT_FSIZE, &before_); }
+
+private:
+  rlimit before_{};
+};
+
+TEST_F(OrrinJournal, WhatTheDiskDidNotTakeIsKeptLater) {
+  std::string error;
+  {
+    Journal journal;
+    ASSERT_TRUE(journal.open(folder, error)) << error;
+    ASSERT_TRUE(journal.rewrite("one\n", error)) << error;
+    journal.append("two");
+    ASSERT_TRUE(journal.flush());
+    {
+      const FileLimit limit(40);
+      journal.append(std::string(50, 'x'));
+      EXPECT_FALSE(journal.flush());
+      EXPECT_NE(journal.trouble(), "");
+      journal.append("four");
+      EXPECT_FALSE(journal.flush()) << "not before the one that waits";
+      EXPECT_EQ(linesMeanwhile(), (Lines{"one", "two"})) << "no half line";
+      EXPECT_FALSE(journal.wantsRewrite());
+    }
+    EXPECT_TRUE(journal.flush());
+    EXPECT_EQ(journal.trouble(), "");
+  }
+  EXPECT_EQ(lines(), (Lines{"one", "two", std::string(50, 'x'), "four"}));
+}
+
+TEST_F(OrrinJournal, AfterMuchTroubleTheStateIsWrittenAnew) {
+  std::string error;
+  {
+    Journal journal;
+    ASSERT_TRUE(journal.open(folder, error)) << error;
+    ASSERT_TRUE(journal.rewrite("one\n", error)) << error;
+    {
+      const FileLimit limit(40);
+      for (int line = 0; line < 2000; ++line) {
+        journal.append(std::string(50, 'x'));
+        EXPECT_FALSE(journal.flush());
+      }
+      EXPECT_TRUE(journal.wantsRewrite());
+      EXPECT_FALSE(journal.rewrite(std::string(80, 'y') + "\n", error));
+      EXPECT_FALSE(journal.flush());
+      EXPECT_EQ(linesMeanwhile(), Lines{"one"}) << "as long as there is no other";
+    }
+    EXPECT_FALSE(journal.flush()) << "lines are missing";
+    ASSERT_TRUE(journal.rewrite("one\nmany\n", error)) << error;
+    EXPECT_EQ(journal.trouble(), "");
+    journal.append("more");
+    EXPECT_TRUE(journal.flush());
+  }
+  EXPECT_EQ(lines(), (Lines{"one", "many", "more"}));
+}
+
+// A rewrite that fails between its two files must not leave a journal to which lines are added in vain.
+TEST_F(OrrinJournal, AHalfRewriteAcceptsNothing) {
+  std::string error;
+  Journal journal;
+  ASSERT_TRUE(journal.open(folder, error)) << error;
+  ASSERT_TRUE(journal.rewrite("one\n", error)) << error;
+  std::filesystem::remove(folder + "/journal");
+  std::filesystem::create_directory(folder + "/journal");
+  EXPECT_FALSE(journal.rewrite("two\n", error));
+  journal.append("three");
+  EXPECT_FALSE(journal.flush());
+  EXPECT_TRUE(journal.wantsRewrite());
+  std::filesystem::remove(folder + "/journal");
+  ASSERT_TRUE(journal.rewrite("two and three\n", error)) << error;
+  journal.append("four");
+  EXPECT_TRUE(journal.flush());
+  EXPECT_FALSE(journal.wantsRewrite());
 }
 
 TEST_F(OrrinJournal, ABadLineIsNamed) {

@@ -1,0 +1,61 @@
+// orrin's state folder: what an orrin that is started anew knows, and what it must leave alone.
+
+#include "switch_fixture.h"
+
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <sys/mount.h>
+
+namespace {
+
+class SwitchState : public SwitchFixture {
+protected:
+  std::string stateFolder() const { return orrin.folder() + "/state"; }
+
+  void startAnew() {
+    orrin.end(SIGKILL);
+    orrin.start();
+  }
+};
+
+// A state folder on a disk of its own, which the test fills.
+class SwitchFullDisk : public SwitchState {
+protected:
+  void SetUp() override {
+    std::filesystem::create_directories(stateFolder());
+    ASSERT_EQ(mount("none", stateFolder().c_str(), "tmpfs", 0, "size=256k"), 0);
+    SwitchState::SetUp();
+  }
+  void TearDown() override { EXPECT_EQ(umount2(stateFolder().c_str(), MNT_DETACH), 0); }
+
+  void fill() {
+    std::ofstream file(stateFolder() + "/filler");
+    for (int kilobyte = 0; kilobyte < 256; ++kilobyte) {
+      file << std::string(1024, '#') << std::flush;
+    }
+  }
+  void makeRoom() { std::filesystem::remove(stateFolder() + "/filler"); }
+};
+
+TEST_F(SwitchFullDisk, NothingThatWasAcceptedIsLost) {
+  fill();
+  // The page of the file that the journal has already may take some.
+  std::string refused;
+  int number = 0;
+  while (refused.empty() && number < 1000) {
+    orrin.tell("interface add " + std::to_string(100 + ++number) + " vrf 3 name 0/1 device rt1", refused);
+  }
+  EXPECT_NE(refused.find("not kept"), std::string::npos) << refused;
+  EXPECT_NE(refused.find("No space left"), std::string::npos) << refused;
+  EXPECT_NE(orrin.run("show status").find("No space left"), std::string::npos);
+  EXPECT_NE(orrin.run("dump").find("interface add " + std::to_string(100 + number)), std::string::npos) << "it is done";
+  orrin.refusal("routes add vrf 3 10.0.0.0/24 count 20 reject");
+  makeRoom();
+  orrin.run("route add vrf 3 20.0.0.0/8 reject");
+  const std::string before = orrin.run("dump");
+  startAnew();
+  EXPECT_EQ(orrin.run("dump"), before);
+}
+
+} // namespace

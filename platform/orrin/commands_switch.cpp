@@ -38,9 +38,8 @@ bool vrfAdd(Switch &sw, Words &words, std::string &out) {
       return refuse(out, "there is a VRF " + std::to_string(id) + " \"" + other.name + "\" already");
     }
   }
-  std::string error;
-  if (!createRestartRecord(vrf.id, error)) {
-    return refuse(out, error);
+  if (!sw.restoring && !createRestartRecord(vrf.id, out)) {
+    return false;
   }
   sw.page.vrf(vrf);
   sw.vrfs[vrf.id] = std::move(vrf);
@@ -61,7 +60,9 @@ bool vrfDel(Switch &sw, Words &words, std::string &out) {
   }
   std::erase_if(sw.interfaces, [vrf](const auto &entry) { return entry.second.vrf == vrf->id; });
   sw.page.vrfGone(vrf->id);
-  removeRestartRecord(vrf->id);
+  if (!sw.restoring) {
+    removeRestartRecord(vrf->id);
+  }
   sw.vrfs.erase(vrf->id);
   return true;
 }

@@ -6,6 +6,7 @@
 #include "commands.h"
 #include "control_server.h"
 #include "interfaces.h"
+#include "restart_record.h"
 #include "router_events.h"
 
 #include <algorithm>
@@ -108,6 +109,11 @@ bool configure(Switch &sw, const Options &options) {
     return fail(error);
   }
   sw.restoring = false;
+  for (const auto &[id, vrf] : sw.vrfs) {
+    if (!createRestartRecord(id, error)) {
+      return fail(error);
+    }
+  }
   if (options.forgetClients) {
     dropAllClients(sw);
   }

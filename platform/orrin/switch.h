@@ -140,7 +140,9 @@ struct Switch {
   uint32_t keepalivePeriod = 30; // seconds
   uint64_t keepaliveDueMs = 0;
   bool keepaliveHeld = false;
-  bool restoring = false; // the state folder is being read: clients only collect what they will have to be told
+  // The state folder is being read: clients only collect what they will have to be told, and the restart flags of agents that
+  // run are left alone.
+  bool restoring = false;
   FaultTable faults;
   Publisher page;
   Poller poller;

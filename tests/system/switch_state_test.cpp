@@ -19,6 +19,24 @@ protected:
   }
 };
 
+TEST_F(SwitchState, TheRestartFlagOfALivingAgentIsLeftAlone) {
+  const std::string records = orrin.folder() + "/run/syncdb/";
+  const auto record = [&](const std::string &vrf) {
+    std::ifstream file(records + "Mirel Restart State-" + vrf);
+    return std::string(std::istreambuf_iterator<char>(file), {});
+  };
+  orrin.run("vrf del 3");
+  EXPECT_FALSE(std::filesystem::exists(records + "Mirel Restart State-3"));
+  orrin.run("vrf add 3 blue");
+  orrin.run("vrf add 4 red");
+  EXPECT_EQ(record("3"), std::string(1, '\0'));
+  std::ofstream(records + "Mirel Restart State-3") << '\1'; // as the agent does when it is up
+  std::filesystem::remove(records + "Mirel Restart State-4");
+  startAnew(); // reads the add, the del and the add
+  EXPECT_EQ(record("3"), "\1");
+  EXPECT_EQ(record("4"), std::string(1, '\0')) << "a VRF has one";
+}
+
 // A state folder on a disk of its own, which the test fills.
 class SwitchFullDisk : public SwitchState {
 protected:

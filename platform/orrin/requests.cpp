@@ -247,6 +247,15 @@ constexpr HandlerRow HANDLERS[] = {
     {tarnwire::ROUTE_TYPE_REGISTER, routeTypeRegister},
 };
 
+constexpr bool everyOpHasARow() {
+  std::array<bool, tarnwire::OP_COUNT> has{};
+  for (const HandlerRow &row : HANDLERS) {
+    has[row.op] = true;
+  }
+  return std::find(has.begin(), has.end(), false) == has.end();
+}
+static_assert(everyOpHasARow());
+
 constexpr std::array<Handler, tarnwire::OP_COUNT> handlersByOp() {
   std::array<Handler, tarnwire::OP_COUNT> handlers{};
   for (const HandlerRow &row : HANDLERS) {
@@ -256,7 +265,6 @@ constexpr std::array<Handler, tarnwire::OP_COUNT> handlersByOp() {
 }
 
 constexpr std::array<Handler, tarnwire::OP_COUNT> HANDLER_OF = handlersByOp();
-static_assert(std::find(HANDLER_OF.begin(), HANDLER_OF.end(), nullptr) == HANDLER_OF.end());
 
 } // namespace
 

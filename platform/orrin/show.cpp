@@ -38,8 +38,9 @@ void showVrfs(Switch &sw, const Wanted &wanted, std::string &out) {
     if (!wanted.vrf(id)) {
       continue;
     }
-    const auto interfaces = std::count_if(sw.interfaces.begin(), sw.interfaces.end(),
-                                          [&vrf](const auto &entry) { return entry.second.vrf == vrf.id; });
+    const auto interfaces =
+        std::count_if(sw.interfaces.begin(), sw.interfaces.end(),
+                      [wantedId = vrf.id](const auto &entry) { return entry.second.vrf == wantedId; });
     report.number(id);
     report.text(vrf.name);
     report.text(vrf.interfaceName);

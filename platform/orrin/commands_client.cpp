@@ -29,16 +29,14 @@ bool restoreAs(Switch &sw, Words &words, ClientKind kind, std::string &out) {
   Client client;
   client.kind = kind;
   Vrf *vrf = nullptr;
-  uint32_t started = 0;
   if (!onlyRestoring(sw, out) || !takeNumber(words, "client", client.id, out) || !takeKeyword(words, "vrf", out) ||
       !takeVrf(sw, words, vrf, out) || !takeKeyword(words, "pid", out) || !takeNumber(words, "pid", client.pid, out) ||
       (words.takeIf("process") && !takeNumber(words, "process", client.process, out)) ||
-      (words.takeIf("started") && !takeNumber(words, "started", started, out)) || !takeKeyword(words, "name", out) ||
+      (words.takeIf("started") && !takeNumber(words, "started", client.started, out)) || !takeKeyword(words, "name", out) ||
       !takeName(words, "name", tarnwire::NAME_MAX_BYTES, client.name, out) || !takeEnd(words, out)) {
     return false;
   }
   client.vrf = vrf->id;
-  client.started = started;
   out = restoreClient(sw, std::move(client));
   return out.empty();
 }

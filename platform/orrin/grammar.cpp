@@ -37,6 +37,25 @@ bool fail(std::string &error, std::string text) {
   return false;
 }
 
+template <class Number> bool parseAny(std::string_view word, Number &value) {
+  Number number = 0;
+  const char *end = word.data() + word.size();
+  const auto [stop, status] = std::from_chars(word.data(), end, number);
+  if (status != std::errc() || stop != end || word.empty()) {
+    return false;
+  }
+  value = number;
+  return true;
+}
+
+template <class Number> bool takeAny(Words &words, std::string_view what, Number &value, std::string &error) {
+  const std::string_view word = words.take();
+  if (word.empty()) {
+    return fail(error, std::string(what) + ": number missing");
+  }
+  return parseNumber(word, value) || fail(error, std::string(what) + ": " + quoted(word) + " is no number");
+}
+
 bool takeType(std::string_view word, RouteAttrs &attrs) {
   if (word == "local") {
     attrs.type = RouteAttrs::LOCAL;
@@ -103,14 +122,11 @@ bool Words::takeIf(std::string_view word) {
 }
 
 bool parseNumber(std::string_view word, uint32_t &value) {
-  uint32_t number = 0;
-  const char *end = word.data() + word.size();
-  const auto [stop, status] = std::from_chars(word.data(), end, number);
-  if (status != std::errc() || stop != end || word.empty()) {
-    return false;
-  }
-  value = number;
-  return true;
+  return parseAny(word, value);
+}
+
+bool parseNumber(std::string_view word, uint64_t &value) {
+  return parseAny(word, value);
 }
 
 bool parseAddress(std::string_view word, uint32_t &address) {
@@ -147,14 +163,11 @@ bool parsePrefix(std::string_view word, Prefix &prefix, std::string &error) {
 }
 
 bool takeNumber(Words &words, std::string_view what, uint32_t &value, std::string &error) {
-  const std::string_view word = words.take();
-  if (word.empty()) {
-    return fail(error, std::string(what) + ": number missing");
-  }
-  if (!parseNumber(word, value)) {
-    return fail(error, std::string(what) + ": " + quoted(word) + " is no number");
-  }
-  return true;
+  return takeAny(words, what, value, error);
+}
+
+bool takeNumber(Words &words, std::string_view what, uint64_t &value, std::string &error) {
+  return takeAny(words, what, value, error);
 }
 
 bool takeKeyword(Words &words, std::string_view keyword, std::string &error) {

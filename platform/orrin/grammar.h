@@ -69,11 +69,13 @@ private:
 };
 
 bool parseNumber(std::string_view word, uint32_t &value);
+bool parseNumber(std::string_view word, uint64_t &value);
 bool parseAddress(std::string_view word, uint32_t &address);
 bool parsePrefix(std::string_view word, Prefix &prefix, std::string &error);
 
 // What a word should have been: "metric: number missing", "metric: "x" is no number".
 bool takeNumber(Words &words, std::string_view what, uint32_t &value, std::string &error);
+bool takeNumber(Words &words, std::string_view what, uint64_t &value, std::string &error);
 bool takeKeyword(Words &words, std::string_view keyword, std::string &error);
 bool takePrefix(Words &words, Prefix &prefix, std::string &error);
 // "10.1.1.1/24": an address of an interface, whose bits beyond the length may be set.

@@ -37,6 +37,14 @@ TEST_F(SwitchState, TheRestartFlagOfALivingAgentIsLeftAlone) {
   EXPECT_EQ(record("4"), std::string(1, '\0')) << "a VRF has one";
 }
 
+TEST_F(SwitchState, StartTimesOfProcessesGrowBeyond32Bits) {
+  orrin.end(SIGKILL);
+  std::ofstream(stateFolder() + "/journal", std::ios::app)
+      << "client best-route 9 vrf 3 pid 1 started 18446744073709551615 name far\n";
+  orrin.start();
+  EXPECT_NE(orrin.run("show clients json").find("\"gone\""), std::string::npos) << "another process has the pid";
+}
+
 // A state folder on a disk of its own, which the test fills.
 class SwitchFullDisk : public SwitchState {
 protected:

@@ -244,7 +244,7 @@ Answer call(tarnwire::Op op, const std::array<uint32_t, 6> &args, std::string_vi
     threadConnection.reset(new (std::nothrow) Connection);
   }
   const bool answered = threadConnection != nullptr && callOn(*threadConnection, op, args, tail, answer);
-  if (!answered && op != tarnwire::CONNECTIVITY_CHECK) {
+  if (!answered) {
     failed.store(true, std::memory_order_relaxed);
   }
   return answer;

@@ -19,8 +19,8 @@ struct Answer {
   std::span<const std::byte> tail;
 };
 
-// One remote call, 5 seconds at most in all. TARN_FAILURE when it could not be carried out, which is then also a remote call
-// that failed, but for CONNECTIVITY_CHECK, which only asks.
+// One remote call, 5 seconds at most in all. TARN_FAILURE when it could not be carried out, which raises the
+// failure indication.
 Answer call(tarnwire::Op op, const std::array<uint32_t, 6> &args, std::string_view tail = {});
 
 // The page that answers in orrin's stead for this call; null when orrin itself must be asked.

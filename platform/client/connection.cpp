@@ -232,19 +232,22 @@ bool callOn(Connection &connection, tarnwire::Op op, const std::array<uint32_t, 
 
 } // namespace
 
-Answer call(tarnwire::Op op, const std::array<uint32_t, 6> &args, std::string_view tail) {
+bool callIfThere(tarnwire::Op op, const std::array<uint32_t, 6> &args, std::string_view tail, Answer &answer) {
   const NoCancel noCancel;
-  Answer answer;
-  answer.result = TARN_FAILURE;
   if (tail.size() > tarnwire::OPS[op].tailMax) {
     answer.result = TARN_INVALID;
-    return answer;
+    return true;
   }
   if (threadConnection == nullptr) {
     threadConnection.reset(new (std::nothrow) Connection);
   }
-  const bool answered = threadConnection != nullptr && callOn(*threadConnection, op, args, tail, answer);
-  if (!answered) {
+  return threadConnection != nullptr && callOn(*threadConnection, op, args, tail, answer);
+}
+
+Answer call(tarnwire::Op op, const std::array<uint32_t, 6> &args, std::string_view tail) {
+  Answer answer;
+  answer.result = TARN_FAILURE;
+  if (!callIfThere(op, args, tail, answer)) {
     failed.store(true, std::memory_order_relaxed);
   }
   return answer;

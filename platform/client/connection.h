@@ -19,9 +19,11 @@ struct Answer {
   std::span<const std::byte> tail;
 };
 
-// One remote call, 5 seconds at most in all. TARN_FAILURE when it could not be carried out, which raises the
-// failure indication.
+// One remote call, 5 seconds at most in all. TARN_FAILURE when it could not be carried out, which raises the failure
+// indication.
 Answer call(tarnwire::Op op, const std::array<uint32_t, 6> &args, std::string_view tail = {});
+// The same for a call that need not reach orrin: false, and no failure indicated, when no answer came; `answer` is as it was.
+bool callIfThere(tarnwire::Op op, const std::array<uint32_t, 6> &args, std::string_view tail, Answer &answer);
 
 // The page that answers in orrin's stead for this call; null when orrin itself must be asked.
 const tarnwire::Published *publishedFor(tarnwire::Op op);

@@ -118,8 +118,13 @@ extern "C" int32_t tarnapiServiceClientRegister(const char *name, uint32_t, uint
   if (name[0] == '\0') {
     return TARN_INVALID;
   }
-  *client = &theClient;
-  return TARN_OK;
+  // Without orrin too: who registers waits for it to be ready afterwards.
+  Answer answer;
+  callIfThere(SERVICE_CLIENT_REGISTER, {}, {}, answer);
+  if (answer.result == TARN_OK) {
+    *client = &theClient;
+  }
+  return answer.result;
 }
 
 extern "C" int32_t tarnapiSystemReadyStateGet(tarnapiClient *, uint32_t *ready) {

@@ -13,9 +13,10 @@ namespace tarnwire {
 inline constexpr const char *SOCKET_VARIABLE = "ORRIN_SOCKET";
 inline constexpr const char *DEFAULT_SOCKET = "/run/orrin/api";
 
-inline constexpr uint32_t PROTOCOL = 0x74617201; // changes with anything in this header or in published.h
+inline constexpr uint32_t PROTOCOL = 0x74617202; // changes with anything in this header or in published.h
 
 enum Op : uint32_t {
+  SERVICE_CLIENT_REGISTER,
   CONNECTIVITY_CHECK,
   SYSTEM_READY_STATE_GET,
   VRF_NAME_GET,
@@ -62,6 +63,7 @@ inline constexpr uint32_t NAME_MAX_BYTES = 255; // a text in a request, without 
 
 // clang-format off
 inline constexpr std::array<OpInfo, OP_COUNT> OPS = {{
+    {SERVICE_CLIENT_REGISTER,    "tarnapiServiceClientRegister", 0, "", ""},
     {CONNECTIVITY_CHECK,         "rpcclt_tarnapiConnectivityCheck", 0, "", ""},
     {SYSTEM_READY_STATE_GET,     "tarnapiSystemReadyStateGet", 0, "", "ready"},
     {VRF_NAME_GET,               "rpcclt_tarnapiVrfNameGet", 0, "vrf", "; name"},

@@ -16,6 +16,10 @@ namespace {
 
 using Handler = int32_t (*)(const Call &);
 
+int32_t serviceClientRegister(const Call &) {
+  return TARN_OK;
+}
+
 int32_t connectivityCheck(const Call &) {
   return TARN_OK;
 }
@@ -216,6 +220,7 @@ struct HandlerRow {
 };
 
 constexpr HandlerRow HANDLERS[] = {
+    {tarnwire::SERVICE_CLIENT_REGISTER, serviceClientRegister},
     {tarnwire::CONNECTIVITY_CHECK, connectivityCheck},
     {tarnwire::SYSTEM_READY_STATE_GET, systemReadyStateGet},
     {tarnwire::VRF_NAME_GET, vrfNameGet},

@@ -141,6 +141,17 @@ TEST_F(SwitchClient, FailsAtOnceWithoutOrrinAndRecovers) {
   EXPECT_EQ(vrfName(), "blue") << "the state folder has kept it";
 }
 
+TEST_F(SwitchClient, ARegistrationIsRefusedByAnOrrinOnlyThatIsThere) {
+  tarnapiClient *handle = nullptr;
+  orrin.run("fault set tarnapiServiceClientRegister result -26 once");
+  EXPECT_EQ(tarnapiServiceClientRegister("mirel", 1, 2001, &handle), TARN_FAILURE);
+  EXPECT_EQ(handle, nullptr);
+  orrin.end(SIGTERM);
+  EXPECT_EQ(tarnapiServiceClientRegister("mirel", 1, 2001, &handle), TARN_OK);
+  EXPECT_NE(handle, nullptr);
+  EXPECT_EQ(rpcclt_rpc_failure_occured(), 0);
+}
+
 TEST_F(SwitchClient, ALateAnswerIsNeverAnotherCalls) {
   orrin.run("fault set VrfNameGet delay 5200 once");
   const auto begin = std::chrono::steady_clock::now();

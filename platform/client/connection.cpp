@@ -17,6 +17,7 @@
 #include <pthread.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/uio.h>
 #include <sys/un.h>
 
@@ -61,7 +62,9 @@ public:
   }
 
   bool map(int fd) {
-    if ((fcntl(fd, F_GET_SEALS) & SEALS_WANTED) != SEALS_WANTED) {
+    struct stat status {};
+    if ((fcntl(fd, F_GET_SEALS) & SEALS_WANTED) != SEALS_WANTED || fstat(fd, &status) != 0 ||
+        status.st_size < static_cast<off_t>(sizeof(tarnwire::Published))) {
       return false;
     }
     void *memory = mmap(nullptr, sizeof(tarnwire::Published), PROT_READ, MAP_SHARED, fd, 0);
@@ -82,7 +85,7 @@ public:
   Outcome exchange(const tarnwire::Request &request, std::string_view tail, uint64_t deadline, Answer &answer);
   bool ready(uint64_t deadline);
   void close() { socket_.reset(); }
-  const tarnwire::Published *page() const { return page_.get(); }
+  const tarnwire::Published *page(uint64_t coarseNow);
   uint32_t nextSequence() { return ++sequence_; }
 
 private:
@@ -90,11 +93,13 @@ private:
   bool connectSocket(uint64_t deadline);
   bool takeHello(uint64_t deadline);
   bool waitFor(short events, uint64_t deadline) const;
+  bool hungUp() const;
 
   UniqueFd socket_;
   pid_t owner_ = 0; // the process that made the connection; a forked child makes its own
   uint32_t sequence_ = 0;
   PageMapping page_;
+  uint64_t lookedMs_ = 0; // when the socket was last looked at for the page's sake
   alignas(8) std::byte buffer_[tarnwire::REPLY_MAX];
 };
 
@@ -113,6 +118,24 @@ bool Connection::waitFor(short events, uint64_t deadline) const {
       return false;
     }
   }
+}
+
+bool Connection::hungUp() const {
+  const NoCancel noCancel;
+  pollfd look{socket_.get(), 0, 0};
+  return poll(&look, 1, 0) == 1;
+}
+
+// Null when orrin's end of the connection is gone, of which the page itself says nothing. A look at it costs a system call: one
+// for each tick of the coarse clock.
+const tarnwire::Published *Connection::page(uint64_t coarseNow) {
+  if (socket_ && lookedMs_ != coarseNow) {
+    lookedMs_ = coarseNow;
+    if (hungUp()) {
+      close();
+    }
+  }
+  return socket_ ? page_.get() : nullptr;
 }
 
 bool Connection::connectSocket(uint64_t deadline) {
@@ -146,7 +169,7 @@ bool Connection::takeHello(uint64_t deadline) {
   message.msg_iov = &data;
   message.msg_iovlen = 1;
   message.msg_control = control;
-  message.msg_controllen = sizeof control;
+  message.msg_controllen = CMSG_LEN(sizeof(int)); // the rest of the space would hold another descriptor
   const ssize_t length = recvmsg(socket_.get(), &message, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
   const cmsghdr *header = length > 0 ? CMSG_FIRSTHDR(&message) : nullptr;
   int fd = -1;
@@ -254,13 +277,14 @@ Answer call(tarnwire::Op op, const std::array<uint32_t, 6> &args, std::string_vi
 }
 
 const tarnwire::Published *publishedFor(tarnwire::Op op) {
-  const tarnwire::Published *page = threadConnection == nullptr ? nullptr : threadConnection->page();
+  const uint64_t now = tarnwire::coarseMilliseconds();
+  const tarnwire::Published *page = threadConnection == nullptr ? nullptr : threadConnection->page(now);
   if (page == nullptr || page->askFor[op].load(std::memory_order_acquire) != 0) {
     return nullptr;
   }
   // Both times are of the coarse clock, whose steps may be seen in either order by two processors.
   const uint64_t heartbeat = page->heartbeatMs.load(std::memory_order_acquire);
-  return tarnwire::coarseMilliseconds() > heartbeat + tarnwire::HEARTBEAT_LIMIT_MS ? nullptr : page;
+  return now > heartbeat + tarnwire::HEARTBEAT_LIMIT_MS ? nullptr : page;
 }
 
 bool failureOccurred() {

@@ -179,6 +179,15 @@ TEST_F(SwitchClient, AStoppedOrrinIsNoticed) {
   EXPECT_TRUE(within(2000, [&] { return tarnapiSystemReadyStateGet(client, &ready) == TARN_OK; }));
 }
 
+TEST_F(SwitchClient, AKilledOrrinIsNoticedAtOnce) {
+  uint32_t ready = 0;
+  EXPECT_EQ(tarnapiSystemReadyStateGet(client, &ready), TARN_OK);
+  orrin.end(SIGKILL); // its page still looks alive
+  EXPECT_TRUE(within(50, [&] { return tarnapiSystemReadyStateGet(client, &ready) == TARN_FAILURE; }));
+  orrin.start();
+  EXPECT_EQ(tarnapiSystemReadyStateGet(client, &ready), TARN_OK);
+}
+
 TEST_F(SwitchClient, AThreadsConnectionEndsWithIt) {
   const auto descriptors = [] {
     return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), std::filesystem::directory_iterator());

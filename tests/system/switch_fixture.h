@@ -29,7 +29,6 @@ protected:
     orrin.run("interface add 11 vrf 3 name 0/11 device rt1");
     rpcclt_rpc_failure_reset();
     ASSERT_EQ(tarnapiServiceClientRegister("mirel", 1, 2001, &client), TARN_OK);
-    // Also takes this thread from the page of the orrin before, which was killed and may seem alive for a second.
     ASSERT_EQ(rpcclt_tarnapiConnectivityCheck(client), TARN_OK);
   }
 

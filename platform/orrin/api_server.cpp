@@ -36,10 +36,7 @@ bool greet(int fd, int page) {
 } // namespace
 
 bool ApiServer::open(const std::string &path, std::string &error) {
-  if (!listener_.open(path, SOCK_SEQPACKET, error)) {
-    return false;
-  }
-  return sw_.poller.watch(listener_.fd(), EPOLLIN, Watched::API_LISTENER);
+  return listener_.open(path, SOCK_SEQPACKET, sw_.poller, Watched::API_LISTENER, error);
 }
 
 void ApiServer::acceptConnections() {

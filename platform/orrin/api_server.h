@@ -18,6 +18,8 @@ public:
   bool open(const std::string &path, std::string &error);
 
   void acceptConnections();
+  // After a while without the means to accept.
+  void resumeAccepting() { listener_.resume(); }
   void serve(uint32_t number, uint32_t events);
 
   // Requests held back by a fault.

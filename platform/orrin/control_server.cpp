@@ -18,10 +18,7 @@ constexpr size_t OUTPUT_AT_ONCE = 1 << 20; // commands of a pass are run until t
 } // namespace
 
 bool ControlServer::open(const std::string &path, std::string &error) {
-  if (!listener_.open(path, SOCK_STREAM, error)) {
-    return false;
-  }
-  return sw_.poller.watch(listener_.fd(), EPOLLIN, Watched::CONTROL_LISTENER);
+  return listener_.open(path, SOCK_STREAM, sw_.poller, Watched::CONTROL_LISTENER, error);
 }
 
 void ControlServer::acceptConnections() {

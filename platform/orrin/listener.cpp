@@ -29,7 +29,7 @@ Listener::~Listener() {
   }
 }
 
-bool Listener::open(const std::string &path, int type, std::string &error) {
+bool Listener::open(const std::string &path, int type, Poller &poller, Watched kind, std::string &error) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   if (path.empty() || path.size() >= sizeof address.sun_path) {
@@ -56,21 +56,35 @@ bool Listener::open(const std::string &path, int type, std::string &error) {
   const int reason = errno;
   umask(before);
   errno = reason;
-  if (bound != 0 || listen(fd.get(), BACKLOG) != 0) {
+  if (bound != 0 || listen(fd.get(), BACKLOG) != 0 || !poller.watch(fd.get(), EPOLLIN, kind)) {
     return failed(error, path);
   }
   fd_ = std::move(fd);
   path_ = path;
+  poller_ = &poller;
+  kind_ = kind;
   return true;
 }
 
-UniqueFd Listener::accept(uint32_t &process) const {
+UniqueFd Listener::accept(uint32_t &process) {
   UniqueFd fd(accept4(fd_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+  const int reason = errno;
+  if (!fd && (reason == EMFILE || reason == ENFILE || reason == ENOBUFS || reason == ENOMEM)) {
+    poller_->change(fd_.get(), 0, kind_); // who waits stays in the queue, and would be reported without end
+    paused_ = true;
+  }
   ucred peer{};
   socklen_t length = sizeof peer;
   const bool known = fd && getsockopt(fd.get(), SOL_SOCKET, SO_PEERCRED, &peer, &length) == 0 && peer.pid > 0;
   process = known ? static_cast<uint32_t>(peer.pid) : 0;
   return fd;
+}
+
+void Listener::resume() {
+  if (paused_) {
+    paused_ = false;
+    poller_->change(fd_.get(), EPOLLIN, kind_);
+  }
 }
 
 } // namespace orrin

@@ -165,7 +165,11 @@ private:
   void runDue() {
     const uint64_t now = nowMs();
     sw_.page.beat();
-    beatDueMs_ = now + BEAT_MS;
+    if (now >= beatDueMs_) {
+      beatDueMs_ = now + BEAT_MS;
+      api_.resumeAccepting();
+      control_.resumeAccepting();
+    }
     if (now >= sw_.keepaliveDueMs) {
       sw_.keepaliveDueMs = now + uint64_t{sw_.keepalivePeriod} * 1000;
       sendKeepalives(sw_);

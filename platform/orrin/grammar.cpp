@@ -57,16 +57,11 @@ template <class Number> bool takeAny(Words &words, std::string_view what, Number
 }
 
 bool takeType(std::string_view word, RouteAttrs &attrs) {
-  if (word == "local") {
-    attrs.type = RouteAttrs::LOCAL;
-  } else if (word == "kernel") {
-    attrs.type = RouteAttrs::KERNEL;
-  } else if (word == "install-kernel") {
-    attrs.type = RouteAttrs::KERNEL;
-    attrs.installKernel = true;
-  } else {
+  if (word != "local" && word != "kernel" && word != "install-kernel") {
     return false;
   }
+  attrs.type = word == "local" ? RouteAttrs::LOCAL : RouteAttrs::KERNEL;
+  attrs.installKernel = word == "install-kernel";
   return true;
 }
 

@@ -19,7 +19,11 @@ constexpr uint32_t REMOVE = 2;
 void awaitAcknowledgement(Switch &sw, Interface &interface, Interface::State state, uint16_t pendingEvent) {
   interface.state = state;
   interface.waitsFor = sendRouterEvent(sw, interface.vrf, routerEvent(pendingEvent, interface.number));
-  sw.ackWaits.push_back({nowMs() + uint64_t{sw.ackTimeout} * 1000, interface.number, interface.waitsFor});
+  const AckWait wait{nowMs() + uint64_t{sw.ackTimeout} * 1000, interface.number, interface.waitsFor};
+  // Most often the end; the timeout may have been longer for those before.
+  sw.ackWaits.insert(std::upper_bound(sw.ackWaits.begin(), sw.ackWaits.end(), wait,
+                                      [](const AckWait &one, const AckWait &other) { return one.dueMs < other.dueMs; }),
+                     wait);
 }
 
 void goUp(Switch &sw, Interface &interface) {

@@ -85,6 +85,17 @@ TEST_F(SwitchEvents, ASilentClientHoldsUpNobodyForEver) {
   EXPECT_NE(orrin.run("show events").find("enable-pending"), std::string::npos);
 }
 
+TEST_F(SwitchEvents, AShorterTimeoutDoesNotWaitForALongerOne) {
+  orrin.run("interface add 12 vrf 3 name 0/12 device rt2");
+  orrin.run("interface enable 11");
+  orrin.run("event timeout 1");
+  orrin.run("interface enable 12");
+  EXPECT_TRUE(within(3000, [&] {
+    const RppiEventMsg event = next();
+    return event.msgType == TARNR_RTR_INTF_ENABLE && event.intIfNum == 12;
+  }));
+}
+
 TEST_F(SwitchEvents, SettingsOfAnInterfaceThatIsUpMakeEvents) {
   orrin.run("interface set 11 mtu 1400 redirects 0"); // of one that is down: nobody is told
   orrin.run("interface enable 11");

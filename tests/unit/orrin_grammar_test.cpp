@@ -33,6 +33,7 @@ TEST(OrrinGrammar, RouteLinesComeBackAsTheyWere) {
        }) {
     EXPECT_EQ(reprinted(line), line);
   }
+  EXPECT_EQ(reprinted("route add vrf 3 10.0.0.0/8 install-kernel local"), "route add vrf 3 10.0.0.0/8 local");
   EXPECT_EQ(reprinted("route add\tvrf 3  10.0.0.0/8 # a comment"), "route add vrf 3 10.0.0.0/8");
 }
 

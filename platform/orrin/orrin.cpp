@@ -36,21 +36,21 @@ struct Options {
 
 void printUsage(FILE *to) {
   std::fprintf(to,
-               "usage: orrin [--script FILE] [--state DIR] [--forget-clients] [--foreground]\n"
+               "usage: orrin [--script FILE] [--state DIR] [--forget-clients]\n"
                "  --script FILE      commands that set up a switch without kept state\n"
                "  --state DIR        where state is kept (%s)\n"
                "  --forget-clients   start without the kept registrations\n"
-               "  --foreground       stay in the foreground, as it always does\n"
                "%s names the request socket (%s); the control socket has .control behind that name.\n",
                DEFAULT_STATE, tarnwire::SOCKET_VARIABLE, tarnwire::DEFAULT_SOCKET);
 }
 
 // An exit status when the program should end here, else -1.
 int readOptions(int argc, char **argv, Options &options) {
-  static const option LONG_OPTIONS[] = {
-      {"script", required_argument, nullptr, 's'},   {"state", required_argument, nullptr, 'd'},
-      {"forget-clients", no_argument, nullptr, 'f'}, {"foreground", no_argument, nullptr, 'g'},
-      {"help", no_argument, nullptr, 'h'},           {nullptr, 0, nullptr, 0}};
+  static const option LONG_OPTIONS[] = {{"script", required_argument, nullptr, 's'},
+                                        {"state", required_argument, nullptr, 'd'},
+                                        {"forget-clients", no_argument, nullptr, 'f'},
+                                        {"help", no_argument, nullptr, 'h'},
+                                        {nullptr, 0, nullptr, 0}};
   for (int found; (found = getopt_long(argc, argv, "", LONG_OPTIONS, nullptr)) != -1;) {
     switch (found) {
     case 's':
@@ -61,8 +61,6 @@ int readOptions(int argc, char **argv, Options &options) {
       break;
     case 'f':
       options.forgetClients = true;
-      break;
-    case 'g':
       break;
     case 'h':
       printUsage(stdout);

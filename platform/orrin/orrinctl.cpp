@@ -28,9 +28,18 @@ constexpr const char *GRAMMAR =
 vrf add <id> <name> [interface <vrf-interface>] [netns <name-or-path>]
 vrf del <id>
 vrf set <id> routing on|off
+vrf set <id> icmp-ratelimit <burst> <interval>
+vrf set <id> icmp-echo-reply <mode>
 system ready|not-ready
 interface add <n> vrf <id> name <switch-name> device <kernel-device> [type <t>] [index <kernel-index>]
 interface del <n>
+interface set <n> <setting>...
+    settings: mac <m>  address <a.b.c.d>/<len>  no-address  mtu <m>  bandwidth <b>  unreachables <mode>  redirects <mode>
+interface secondary <n> add <a.b.c.d>/<len> [index <label>]
+interface secondary <n> del <a.b.c.d>/<len>
+interface vrrp <n> label <l> add {<a.b.c.d> [slot <0 to 31>]}...
+interface vrrp <n> label <l> del <a.b.c.d>...
+interface enable|disable|host-mode <n>
 route add|modify vrf <id> <a.b.c.d>/<len> [options] {via <a.b.c.d> interface <n>}...
     options: local|kernel|install-kernel  reject  discard  metric <m>  proto <p>
              via-vrf-device  rfc5549  mpls  flag8000; up to 48 next hops
@@ -38,10 +47,12 @@ route del vrf <id> <a.b.c.d>/<len>
 routes add|modify|del vrf <id> <first-prefix>/<len> count <n> [options] {via <a.b.c.d> interface <n>}...
 keepalive period <seconds>
 keepalive hold|release [vrf <id>]
+event timeout <seconds>
+event send vrf <id> type <t> [interface <n>] [cfg <c>]
 fault set <call> [result <code>] [delay <ms>] [drop] [once|times <n>|always]
 fault clear [<call>]
 client drop <client-id>
-show vrfs|interfaces|routes|clients|faults|status [vrf <id>] [json]
+show vrfs|interfaces|routes|clients|events|faults|status [vrf <id>] [json]
 dump [vrf <id>]
 )";
 

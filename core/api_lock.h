@@ -11,3 +11,10 @@ public:
   ApiLock(const ApiLock &) = delete;
   ApiLock &operator=(const ApiLock &) = delete;
 };
+
+// One platform API call of the agent's client, under the semaphore.
+template <typename... Parameters, typename... Arguments>
+int32_t apiCall(int32_t (*call)(tarnapiClient *, Parameters...), Arguments... arguments) {
+  const ApiLock lock;
+  return call(tarnapiClientHandle, arguments...);
+}

@@ -26,6 +26,14 @@ void mirelKernelRoutesFlush();
 // pending.
 void mirelBestRoutesProcess();
 
+inline constexpr uint32_t BEST_ROUTE_BATCH = 50; // records a fetch
+
+// changeType of a BestRouteRecord.
+enum RouteChangeType : uint8_t { CHANGE_ADD = 0, CHANGE_DELETE = 1, CHANGE_MODIFY = 2 };
+
+// Traces and counts a record whose "add" or "modify" returned status.
+void mirelRouteFailureCount(const char *operation, const char *verb, const BestRouteRecord &record, int32_t status);
+
 // One change. Add and modify return 0 (also for routes that are not installed by rule), 1 when no next hop can be chosen,
 // else the status of the kernel install. nextHops points at the record's first next hop, or is null.
 int32_t MirelRouteAdd(const BestRouteRecord *route, const NextHopRecord *nextHops);

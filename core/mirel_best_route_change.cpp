@@ -13,12 +13,9 @@
 
 namespace {
 
-constexpr uint32_t BEST_ROUTE_BATCH = 50;
 constexpr uint32_t NEXT_HOPS_MAX = std::extent_v<decltype(BestRouteRecord::nextHops)>;
 
 enum RouteType : uint8_t { ROUTE_TYPE_LOCAL = 1, ROUTE_TYPE_KERNEL = 2 };
-
-enum ChangeType : uint8_t { CHANGE_ADD = 0, CHANGE_DELETE = 1, CHANGE_MODIFY = 2 };
 
 enum KernelStatus : int32_t { KERNEL_FAILED = 1, KERNEL_RPC_ERROR = 8 };
 
@@ -100,9 +97,8 @@ bool hasPlainNextHop(const RouteTarget &target) {
 
 // A failed query counts as ready.
 bool systemNotReady() {
-  const ApiLock lock;
   uint32_t ready = 0;
-  return tarnapiSystemReadyStateGet(tarnapiClientHandle, &ready) == TARN_OK && ready == 0;
+  return apiCall(tarnapiSystemReadyStateGet, &ready) == TARN_OK && ready == 0;
 }
 
 using DeviceName = char[STK_IF_NAME_SIZE];
@@ -110,10 +106,7 @@ using DeviceName = char[STK_IF_NAME_SIZE];
 // The VRF's own device, its interface name with the suffix. False when the name leaves no room for the suffix.
 bool vrfDeviceName(DeviceName &device) {
   const tarn_buffdesc name{.size = sizeof device, .pstart = device};
-  {
-    const ApiLock lock;
-    rpcclt_tarnapiVrfIntfNameGet(tarnapiClientHandle, mirelVrfId, &name);
-  }
+  apiCall(rpcclt_tarnapiVrfIntfNameGet, mirelVrfId, &name);
   const size_t length = strnlen(device, sizeof device);
   if (length + strlen(VRF_DEVICE_SUFFIX) >= sizeof device) {
     return false;
@@ -141,20 +134,11 @@ int32_t batchFetch() {
   memset(bestRouteChangeBuf.data(), 0, sizeof bestRouteChangeBuf);
   const tarn_buffdesc records{.size = sizeof bestRouteChangeBuf,
                               .pstart = reinterpret_cast<char *>(bestRouteChangeBuf.data())};
-  const ApiLock lock;
-  return rpcclt_tarnapiBestRouteChangeNextGetMult(tarnapiClientHandle, brc_client_id, BEST_ROUTE_BATCH, &records);
-}
-
-void failureCount(const BestRouteRecord &record, int32_t status, const char *verb) {
-  const PrefixText prefix(record, TRACE_ROUTE_FAILURE);
-  MIREL_TRACE(TRACE_ROUTE_FAILURE, "mirelBestRoutesProcess", "Failed to %s route to %s, error = %d\n\n", verb,
-              prefix.get(), status);
-  if (status == KERNEL_RPC_ERROR) {
-    ++statsHandle.numRpcErrors;
-  }
+  return apiCall(rpcclt_tarnapiBestRouteChangeNextGetMult, brc_client_id.get(), BEST_ROUTE_BATCH, &records);
 }
 
 void changeApply(const BestRouteRecord &record) {
+  constexpr const char *OPERATION = "mirelBestRoutesProcess";
   int32_t status = 0;
   switch (record.changeType) {
   case CHANGE_DELETE:
@@ -163,17 +147,17 @@ void changeApply(const BestRouteRecord &record) {
   case CHANGE_ADD:
     status = MirelRouteAdd(&record, record.nextHops);
     if (status != 0) {
-      failureCount(record, status, "add");
+      mirelRouteFailureCount(OPERATION, "add", record, status);
     }
     break;
   case CHANGE_MODIFY:
     status = MirelRouteMod(&record, record.nextHops);
     if (status != 0) {
-      failureCount(record, status, "modify");
+      mirelRouteFailureCount(OPERATION, "modify", record, status);
     }
     break;
   default:
-    MIREL_TRACE(TRACE_GENERAL, "mirelBestRoutesProcess", "Invalid route change type %d\n", record.changeType);
+    MIREL_TRACE(TRACE_GENERAL, OPERATION, "Invalid route change type %d\n", record.changeType);
     break;
   }
 }
@@ -191,7 +175,7 @@ void mirelBestRoutesProcess() {
     return;
   }
   const uint32_t start = currentGetTime();
-  MIREL_TRACE(TRACE_GENERAL, OPERATION, "Fetching %d best routes from RTO.\n", static_cast<int>(BEST_ROUTE_BATCH));
+  MIREL_TRACE(TRACE_GENERAL, OPERATION, "Fetching %d best routes from RTO.\n", BEST_ROUTE_BATCH);
   for (;;) {
     const int32_t status = batchFetch();
     if (status != TARN_OK && status != TARN_NO_MORE) {
@@ -213,8 +197,16 @@ void mirelBestRoutesProcess() {
       brc_client_keepalive_time = currentGetTime(); // what is left stays pending until the next call
       return;
     }
-    MIREL_TRACE(TRACE_GENERAL, OPERATION, "Fetching %d best routes from RTO. Client ID = %d\n",
-                static_cast<int>(BEST_ROUTE_BATCH), static_cast<int>(brc_client_id));
+    MIREL_TRACE(TRACE_GENERAL, OPERATION, "Fetching %d best routes from RTO. Client ID = %d\n", BEST_ROUTE_BATCH,
+                brc_client_id.get());
+  }
+}
+
+void mirelRouteFailureCount(const char *operation, const char *verb, const BestRouteRecord &record, int32_t status) {
+  const PrefixText prefix(record, TRACE_ROUTE_FAILURE);
+  MIREL_TRACE(TRACE_ROUTE_FAILURE, operation, "Failed to %s route to %s, error = %d\n\n", verb, prefix.get(), status);
+  if (status == KERNEL_RPC_ERROR) {
+    ++statsHandle.numRpcErrors;
   }
 }
 

@@ -1,7 +1,7 @@
 // The best-route client: registration with RTO, its event socket, and what happens when RTO falls silent. It fetches
 // nothing: a change notification only marks changes pending. Main thread.
 
-#include "api_lock.h"
+#include "event_client.h"
 #include "mirel_best_route.h"
 #include "mirel_router_event.h"
 #include "mirel_trace.h"
@@ -13,16 +13,6 @@ namespace {
 constexpr char LOG_AREA[] = "application/routing/mirel/core/mirel";
 
 constexpr const char *BEST_ROUTE_SOCKET_PATH = "/tmp/rppi_brc.%04u";
-constexpr uint32_t REGISTRATION_RETRY_MSEC = 1000;
-
-int32_t registerOnce(uint32_t pid, const tarn_buffdesc *clientName, Relaxed<uint32_t> *clientId) {
-  const ApiLock lock;
-  uint32_t id = *clientId;
-  const int32_t status =
-      rpcclt_tarnapiBestRouteEventRegisterVr(tarnapiClientHandle, mirelVrfId, TARN_FAMILY_IPV4, pid, clientName, &id);
-  *clientId = id;
-  return status;
-}
 
 void refusalLog(int32_t status) {
   switch (status) {
@@ -42,11 +32,10 @@ void refusalLog(int32_t status) {
 
 int mirelBestRouteClientStart(uint32_t pid, const tarn_buffdesc *clientName, Relaxed<uint32_t> *clientId,
                               Relaxed<int> *sockFd) {
-  int32_t status = registerOnce(pid, clientName, clientId);
-  while (status == TARN_NOT_YET) {
-    osapiSleepMSec(REGISTRATION_RETRY_MSEC); // without the semaphore: other threads go on meanwhile
-    status = registerOnce(pid, clientName, clientId);
-  }
+  const int32_t status = eventClientRegister(clientId, [&](uint32_t *id) {
+    return rpcclt_tarnapiBestRouteEventRegisterVr(tarnapiClientHandle, mirelVrfId, TARN_FAMILY_IPV4, pid, clientName,
+                                                  id);
+  });
   if (status != TARN_OK) {
     MIREL_LOG(SEVERITY_ERROR, "Mirel: Failed to register as best route change client.");
     refusalLog(status);
@@ -81,16 +70,13 @@ int mirelHandleBestRouteClientTimeout(uint32_t pid, const tarn_buffdesc *clientN
   }
   MIREL_TRACE(TRACE_GENERAL, "mirelHandleBestRouteClientTimeout", "Deregistering best route client %s\n",
               clientName->pstart);
-  {
-    const ApiLock lock;
-    rpcclt_tarnapiBestRouteEventDeregister(tarnapiClientHandle, brc_client_id);
-  }
+  apiCall(rpcclt_tarnapiBestRouteEventDeregister, brc_client_id.get());
   close(brc_sock_fd);
   brc_sock_fd = -1;
   mirelKernelRoutesFlush();
   if (mirelBestRouteClientStart(pid, clientName, &brc_client_id, &brc_sock_fd) != 0) {
-    MIREL_LOG(SEVERITY_ERROR, "Registration failed for BestRouteClient following timeout! mypid = %d, myName = %s",
-              static_cast<int>(pid), clientName->pstart);
+    MIREL_LOG(SEVERITY_ERROR, "Registration failed for BestRouteClient following timeout! mypid = %d, myName = %s", pid,
+              clientName->pstart);
     return -1;
   }
   return 0;

@@ -45,19 +45,14 @@ int vrfRouteTypesRegister() {
   const OwnedText protocolName(strdup(PROTOCOL_NAME));
   if (!protocolName) {
     MIREL_TRACE(TRACE_RTO_FAILURE, OPERATION, "Failed to alloc memory for protoName.pstart in VRF-ID [%d].\n",
-                static_cast<int>(mirelVrfId));
+                mirelVrfId);
     return 1;
   }
   Code protocolCode(PROTOCOL_CODE);
   tarn_buffdesc name = describe(protocolName.get());
   tarn_buffdesc code = describe(protocolCode.text);
-  int32_t status;
-  {
-    const ApiLock lock;
-    status = rpcclt_tarnapiRoutingProtocolRegister(tarnapiClientHandle, mirelVrfId, TARN_FAMILY_IPV4, &name, &code,
-                                                   &kernelProtoId);
-  }
-  if (status != TARN_OK) {
+  if (apiCall(rpcclt_tarnapiRoutingProtocolRegister, mirelVrfId, TARN_FAMILY_IPV4, &name, &code, &kernelProtoId) !=
+      TARN_OK) {
     MIREL_TRACE(TRACE_RTO_FAILURE, OPERATION, "Failure in registering ProtoID - %s\n", PROTOCOL_NAME);
     return 1;
   }
@@ -70,12 +65,8 @@ int vrfRouteTypesRegister() {
   Code routeTypeCode(ROUTE_TYPE_CODE);
   name = describe(routeTypeName.get());
   code = describe(routeTypeCode.text);
-  {
-    const ApiLock lock;
-    status = rpcclt_tarnapiRouteTypeRegister(tarnapiClientHandle, TARN_FAMILY_IPV4, kernelProtoId, &name, &code,
-                                             &kernelRouteType);
-  }
-  if (status != TARN_OK) {
+  if (apiCall(rpcclt_tarnapiRouteTypeRegister, TARN_FAMILY_IPV4, kernelProtoId, &name, &code, &kernelRouteType) !=
+      TARN_OK) {
     MIREL_TRACE(TRACE_RTO_FAILURE, OPERATION, "Failure in registering RouteType - %s for ProtoID - %u\n",
                 ROUTE_TYPE_NAME, kernelProtoId);
     return 1;

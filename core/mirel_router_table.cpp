@@ -219,58 +219,45 @@ void mirelIntIfInfoShow(uint32_t intIfNum) {
 int mirelStkIfNameGet(uint32_t intIfNum, char *name) {
   constexpr const char *OPERATION = "mirelStkIfNameGet";
   uint32_t type = INTF_TYPE_PRESET;
-  int32_t status;
-  {
-    const ApiLock lock;
-    status = rpcclt_tarnapiRtrIntfTypeGet(tarnapiClientHandle, intIfNum, &type);
-  }
-  if (status != TARN_OK) {
-    MIREL_LOG(SEVERITY_ERROR, "Failed to get the interface type of the interface %d.", static_cast<int>(intIfNum));
+  if (apiCall(rpcclt_tarnapiRtrIntfTypeGet, intIfNum, &type) != TARN_OK) {
+    MIREL_LOG(SEVERITY_ERROR, "Failed to get the interface type of the interface %d.", intIfNum);
     return 1;
   }
   if (type == INTF_TYPE_TUNNEL) {
-    MIREL_LOG(SEVERITY_ERROR, "Failed to get the stack interface name for the tunnel interface %d.",
-              static_cast<int>(intIfNum));
+    MIREL_LOG(SEVERITY_ERROR, "Failed to get the stack interface name for the tunnel interface %d.", intIfNum);
     return 1;
   }
   memset(name, 0, STK_IF_NAME_SIZE);
   const tarn_buffdesc descriptor{.size = STK_IF_NAME_SIZE, .pstart = name};
-  {
-    const ApiLock lock;
-    status = rpcclt_tarnapiRtrIntfIpStackStkNameGet(tarnapiClientHandle, mirelVrfId, intIfNum, &descriptor);
-  }
+  const int32_t status = apiCall(rpcclt_tarnapiRtrIntfIpStackStkNameGet, mirelVrfId, intIfNum, &descriptor);
   if (status != TARN_OK) {
     MIREL_TRACE(TRACE_GENERAL, OPERATION, "Failed to get Stack intf Name for intIfNum %u. Error %d\n", intIfNum,
                 status);
     return 1;
   }
   name[STK_IF_NAME_SIZE - 1] = '\0'; // a name that fills the buffer comes without
-  MIREL_TRACE(TRACE_GENERAL, OPERATION, "%s is the stack interface name for interface %d\n", name,
-              static_cast<int>(intIfNum));
+  MIREL_TRACE(TRACE_GENERAL, OPERATION, "%s is the stack interface name for interface %d\n", name, intIfNum);
   return 0;
 }
 
 int mirelStkIfIndexGet(uint32_t intIfNum, uint32_t *ifIndex) {
   char name[STK_IF_NAME_SIZE] = {};
   if (mirelStkIfNameGet(intIfNum, name) != 0) {
-    MIREL_LOG(SEVERITY_ERROR, "Failed to get the stack interface name of the interface %d.",
-              static_cast<int>(intIfNum));
+    MIREL_LOG(SEVERITY_ERROR, "Failed to get the stack interface name of the interface %d.", intIfNum);
     return 1;
   }
   const UniqueFd sock(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   if (!sock) {
-    MIREL_LOG(SEVERITY_ERROR, "Failed to open socket to get the stack ifIndex of the interface %d.",
-              static_cast<int>(intIfNum));
+    MIREL_LOG(SEVERITY_ERROR, "Failed to open socket to get the stack ifIndex of the interface %d.", intIfNum);
     return 1;
   }
   uint32_t answer = 0;
   if (!kernelIndexAsk(sock.get(), name, &answer)) {
-    MIREL_LOG(SEVERITY_ERROR, "Failed to get the stack ifIndex of the interface %d.", static_cast<int>(intIfNum));
+    MIREL_LOG(SEVERITY_ERROR, "Failed to get the stack ifIndex of the interface %d.", intIfNum);
     return 1;
   }
   *ifIndex = answer;
-  MIREL_TRACE(TRACE_GENERAL, "mirelStkIfIndexGet", "%u is the stack ifIndex for interface %d\n", answer,
-              static_cast<int>(intIfNum));
+  MIREL_TRACE(TRACE_GENERAL, "mirelStkIfIndexGet", "%u is the stack ifIndex for interface %d\n", answer, intIfNum);
   return 0;
 }
 

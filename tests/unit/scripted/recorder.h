@@ -11,6 +11,8 @@
 #include "syncdb.h"
 #include "tarnapi.h"
 
+#include <cerrno>
+#include <cstdlib>
 #include <optional>
 #include <typeinfo>
 
@@ -156,9 +158,11 @@ int32_t call(const char *function, const char *otherwise, Arguments... arguments
     return (*static_cast<std::function<Signature> *>(hook.get()))(raw(arguments)...);
   }
   const Answer answer = answerOf(function, otherwise);
+  Outputs outputs(answer.outputs);
   if (answer.result == 0) {
-    Outputs outputs(answer.outputs);
     (fill(arguments, outputs), ...);
+  } else if (const std::string *error = outputs.next()) {
+    errno = atoi(error->c_str());
   }
   return answer.result;
 }

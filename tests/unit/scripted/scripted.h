@@ -6,7 +6,7 @@
 //   <function>= <result> [<output>...]    answers every call for which no line of the first kind is left
 //   !<operation> [<argument>...]          runs a debug operation at the next rpcclt_rpc_failure_occured(), once a loop pass
 // A function that no line speaks of answers as its row in tarnapi.cpp or qvproc.cpp says. Outputs are filled, in the order
-// of the arguments, when the result is 0.
+// of the arguments, when the result is 0; a call with another result leaves its first output in errno.
 //
 // A program that is run on these libraries as a whole is driven through the environment: SCRIPTED_SCRIPT names the script
 // (lines appended while it runs are taken up), SCRIPTED_TRACE the file that the calls are appended to, SCRIPTED_CLOCK a

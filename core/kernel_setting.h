@@ -1,0 +1,6 @@
+// Settings of the kernel that the agent needs at a certain height, in its own network namespace.
+#pragma once
+
+// Raises the number in a file under /proc/sys to at least minimum. Without the right to do so the agent runs with what
+// there is, so there is no result.
+void kernelSettingRaise(const char *path, unsigned minimum);

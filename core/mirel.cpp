@@ -4,10 +4,12 @@
 
 #include "mirel.h"
 
+#include "kernel_setting.h"
 #include "mirel_best_route.h"
 #include "mirel_debug.h"
 #include "mirel_restart.h"
 #include "mirel_route_types.h"
+#include "mirel_router.h"
 #include "mirel_router_table.h"
 #include "mirel_trace.h"
 
@@ -117,19 +119,9 @@ void loopbackUp() {
 }
 
 // A local datagram socket takes the queue length of the namespace at its creation, 11 datagrams by default whatever its
-// receive buffer. Without the right to raise it the agent runs with what there is.
+// receive buffer.
 void datagramQueueRaise() {
-  constexpr const char *SETTING = "/proc/sys/net/unix/max_dgram_qlen";
-  FILE *setting = fopen(SETTING, "r+e");
-  if (setting == nullptr) {
-    return;
-  }
-  unsigned current = 0;
-  if (fscanf(setting, "%u", &current) == 1 && current < DATAGRAM_QUEUE_LENGTH) {
-    rewind(setting);
-    fprintf(setting, "%u\n", DATAGRAM_QUEUE_LENGTH);
-  }
-  fclose(setting);
+  kernelSettingRaise("/proc/sys/net/unix/max_dgram_qlen", DATAGRAM_QUEUE_LENGTH);
 }
 
 void kernelUpdateSocketInit() {
@@ -150,6 +142,21 @@ void routeTypesRegister() {
     return;
   }
   MIREL_TRACE(TRACE_RTO_SUCCESS, OPERATION, "Route Types Registration with TARN RTO successfully done.\n");
+}
+
+void routerEventsStart() {
+  rppi_evnt_client_id = 0;
+  rppi_evnt_fd = -1;
+  if (mirelRouterEventClientStart(mirelPid, &clientNameDesc, &rppi_evnt_client_id, &rppi_evnt_fd) != 0) {
+    MIREL_LOG(SEVERITY_ERROR, "Mirel failed to register to router event client.");
+  }
+  const uint32_t clientId = rppi_evnt_client_id;
+  const int sockFd = rppi_evnt_fd;
+  if (clientId == 0 || sockFd == -1) {
+    MIREL_LOG(SEVERITY_ERROR, "Mirel: Failure in router event client registration. Client id = %d, sock fd = %d",
+              clientId, sockFd);
+    exit(EXIT_FATAL);
+  }
 }
 
 bool routingStarted() {
@@ -207,11 +214,14 @@ int main(int argc, char **argv) {
   kernelUpdateSocketInit();
   mirelIntIfInfoAllocate();
   routeTypesRegister();
+  routerEventsStart();
 
   brc_client_id = 0;
   brc_sock_fd = -1;
+  mirelGlobalCfgInit();
   statsHandle = MirelStats{};
   if (routingStarted()) {
+    mirelPopulateRoutingInterfaceTable();
     bestRoutesStart();
   }
   mirelMainLoop();

@@ -4,6 +4,8 @@
 #include "mirel.h"
 
 #include "mirel_best_route.h"
+#include "mirel_intf_best_route.h"
+#include "mirel_router.h"
 #include "mirel_router_event.h"
 #include "mirel_trace.h"
 
@@ -22,12 +24,14 @@ constexpr const char *OPERATION = "main"; // the name in every trace of the loop
 
 constexpr size_t RECEIVE_SIZE = 256;
 constexpr time_t SELECT_SECONDS = 1;
-constexpr uint32_t BEST_ROUTE_SILENCE_MAX = 240; // seconds
-constexpr uint32_t RPC_FAILURE_MAX = 30;         // seconds
+constexpr uint32_t ROUTER_EVENT_SILENCE_MAX = 120; // seconds
+constexpr uint32_t BEST_ROUTE_SILENCE_MAX = 240;   // seconds
+constexpr uint32_t RPC_FAILURE_MAX = 30;           // seconds
 constexpr int32_t RPC_FAILURE_SEEN = 1;
 
 struct LoopTimers {
   uint32_t bestRoutes;
+  uint32_t intfBestRoutes;
   uint32_t rpcFailure; // 0 = no failure seen yet; never set back
 };
 
@@ -78,7 +82,7 @@ bool fitsReadSet(int fd) {
 int readSetFill() {
   FD_ZERO(&readSet);
   int highest = -1;
-  for (const int fd : {brc_sock_fd.get(), syncdbClient.syncdbNotifyFd}) {
+  for (const int fd : {rppi_evnt_fd.get(), brc_sock_fd.get(), syncdbClient.syncdbNotifyFd}) {
     if (fd != -1 && fitsReadSet(fd)) {
       FD_SET(fd, &readSet);
       highest = std::max(highest, fd);
@@ -110,6 +114,26 @@ Pass waitForEvents() {
   return Pass::TIMERS_ONLY;
 }
 
+void serviceRouterEvents() {
+  const int fd = rppi_evnt_fd;
+  if (!isReady(fd)) {
+    return;
+  }
+  uint32_t length = 0;
+  const Read outcome = datagramRead(fd, length);
+  if (outcome == Read::FAILED) {
+    MIREL_LOG(SEVERITY_ERROR, "Failed to read socket with fd %d for router event client", fd);
+  }
+  if (outcome != Read::MESSAGE) {
+    return;
+  }
+  const RppiEventMsg msg = eventMessage();
+  MIREL_TRACE(TRACE_GENERAL, OPERATION,
+              "Received message for router event service with msg type %s and length %u bytes\n",
+              mirelRouterEventNameGet(msg.msgType), length);
+  mirelRouterEventMsgProcess(&msg, length);
+}
+
 void serviceBestRoutes() {
   const int fd = brc_sock_fd;
   if (!isReady(fd)) {
@@ -139,11 +163,27 @@ void serviceSyncDb() {
   mirelSyncDbCfgChangeHandle();
 }
 
-void bestRouteTimer(LoopTimers &timers) {
-  const uint32_t now = currentGetTime();
+void bestRouteTimers(LoopTimers &timers) {
+  uint32_t now = currentGetTime();
   if (now - timers.bestRoutes >= mirelBestRoutePollTime) {
     timers.bestRoutes = now;
     mirelBestRoutesProcess();
+  }
+  now = currentGetTime();
+  if (now - timers.intfBestRoutes >= mirelBestRoutePollTime) {
+    timers.intfBestRoutes = now;
+    mirelIntfBestRoutesProcess();
+  }
+}
+
+void routerEventKeepAliveCheck() {
+  if (currentGetTime() - rppi_evnt_keepalive_time <= ROUTER_EVENT_SILENCE_MAX) {
+    return;
+  }
+  ++statsHandle.numRecTimeout;
+  if (mirelHandleRouterEventClientTimeout(mirelPid, &clientNameDesc) != 0) {
+    MIREL_LOG(SEVERITY_ERROR, "Error in handling router event client timeout for Mirel.");
+    exit(0);
   }
 }
 
@@ -179,18 +219,21 @@ void rpcHealthCheck(LoopTimers &timers) {
 } // namespace
 
 void mirelMainLoop() {
-  LoopTimers timers{.bestRoutes = currentGetTime(), .rpcFailure = 0};
-  brc_client_keepalive_time = currentGetTime();
+  const uint32_t now = currentGetTime();
+  LoopTimers timers{.bestRoutes = now, .intfBestRoutes = now, .rpcFailure = 0};
+  brc_client_keepalive_time = now;
   for (;;) {
     const Pass pass = waitForEvents();
     if (pass == Pass::RESTART) {
       continue;
     }
     if (pass == Pass::SERVICE) {
+      serviceRouterEvents();
       serviceBestRoutes();
       serviceSyncDb();
     }
-    bestRouteTimer(timers);
+    bestRouteTimers(timers);
+    routerEventKeepAliveCheck();
     bestRouteKeepAliveCheck();
     rpcHealthCheck(timers);
   }

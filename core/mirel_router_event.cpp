@@ -3,6 +3,7 @@
 
 #include "mirel_router_event.h"
 
+#include "mirel_router.h"
 #include "mirel_trace.h"
 #include "unique_fd.h"
 
@@ -23,35 +24,39 @@ using Stats = MirelIntfEventStats;
 
 #define EVENT(type) type, #type
 
+using enum EventRole;
+
 constexpr RouterEventType EVENT_TYPES[] = {
-    {EVENT(TARNR_KEEPALIVE), "KEEPALIVE", nullptr, true},
-    {EVENT(TARNR_BEST_ROUTE_CHANGE), "BEST ROUTE CHANGE", nullptr, true},
-    {EVENT(TARNR_RTR_ENABLE), "IPv4 ROUTING ENABLE", nullptr, true},
-    {EVENT(TARNR_RTR_DISABLE), "IPv4 ROUTING DISABLE", nullptr, true},
-    {EVENT(TARNR_RTR_STARTUP_DONE), "STARTUP DONE", nullptr, true},
-    {EVENT(TARNR_RTR_INTF_CREATE), "INTERFACE CREATE", nullptr, true},
-    {EVENT(TARNR_RTR_INTF_DELETE), "INTERFACE DELETE", nullptr, true},
-    {EVENT(TARNR_RTR_INTF_ENABLE), "INTERFACE IPv4 ENABLE", nullptr, true},
-    {EVENT(TARNR_RTR_INTF_ENABLE_PENDING), "INTERFACE IPv4 ENABLE PENDING", &Stats::enablePending, true},
-    {EVENT(TARNR_RTR_INTF_DISABLE), "INTERFACE IPv4 DISABLE", &Stats::disable, true},
-    {EVENT(TARNR_RTR_INTF_DISABLE_PENDING), "INTERFACE IPv4 DISABLE PENDING", nullptr, true},
-    {EVENT(TARNR_RTR_INTF_ADDR_CHANGE), "IPv4 ADDRESS CHANGE", &Stats::addrChange, true},
-    {EVENT(TARNR_RTR_INTF_MTU), "IPv4 MTU CHANGE", &Stats::mtu, true},
-    {EVENT(TARNR_RTR_INTF_BW_CHANGE), "BANDWIDTH CHANGE", &Stats::bwChange, true},
-    {EVENT(TARNR_RTR_INTF_HOST_MODE), "HOST INTERFACE FOR IPv4", &Stats::hostMode, true},
-    {EVENT(TARNR_RTR_INTF_CFG_CHANGE), "INTERFACE CONFIG CHANGE", &Stats::cfgChange, true},
-    {EVENT(TARNR_RTR6_ENABLE), "IPv6 ROUTING ENABLE", nullptr, false},
-    {EVENT(TARNR_RTR6_DISABLE), "IPv6 ROUTING DISABLE", nullptr, false},
-    {EVENT(TARNR_RTR6_STARTUP_DONE), "IPv6 STARTUP DONE", nullptr, false},
-    {EVENT(TARNR_RTR6_INTF_CREATE), "IPv6 INTERFACE CREATE", nullptr, false},
-    {EVENT(TARNR_RTR6_INTF_DELETE), "IPv6 INTERFACE DELETE", nullptr, false},
-    {EVENT(TARNR_RTR6_INTF_ENABLE), "INTERFACE IPv6 ENABLE", nullptr, false},
-    {EVENT(TARNR_RTR6_INTF_DISABLE), "INTERFACE IPv6 DISABLE", nullptr, false},
-    {EVENT(TARNR_RTR6_INTF_ADDR_CHANGE), "IPv6 ADDRESS CHANGE", nullptr, false},
-    {EVENT(TARNR_RTR6_INTF_MTU), "IPv6 MTU CHANGE", nullptr, false},
-    {EVENT(TARNR_RTR6_INTF_BW_CHANGE), "IPv6 BANDWIDTH CHANGE", nullptr, false},
-    {EVENT(TARNR_RTR6_INTF_HOST_MODE), "HOST INTERFACE FOR IPv6", nullptr, false},
-    {EVENT(TARNR_POLICY_CHANGE), "POLICY CHANGE", nullptr, true},
+    {EVENT(TARNR_KEEPALIVE), "KEEPALIVE", KEEPALIVE, nullptr, nullptr, true},
+    {EVENT(TARNR_BEST_ROUTE_CHANGE), "BEST ROUTE CHANGE", UNKNOWN, nullptr, nullptr, true},
+    {EVENT(TARNR_RTR_ENABLE), "IPv4 ROUTING ENABLE", NOTED, nullptr, nullptr, true},
+    {EVENT(TARNR_RTR_DISABLE), "IPv4 ROUTING DISABLE", NOTED, nullptr, nullptr, true},
+    {EVENT(TARNR_RTR_STARTUP_DONE), "STARTUP DONE", HANDLED, mirelRtrStartupDoneHandler, nullptr, true},
+    {EVENT(TARNR_RTR_INTF_CREATE), "INTERFACE CREATE", NOTED, nullptr, nullptr, true},
+    {EVENT(TARNR_RTR_INTF_DELETE), "INTERFACE DELETE", NOTED, nullptr, nullptr, true},
+    {EVENT(TARNR_RTR_INTF_ENABLE), "INTERFACE IPv4 ENABLE", HANDLED, mirelRtrEnableEventHandler, nullptr, true},
+    {EVENT(TARNR_RTR_INTF_ENABLE_PENDING), "INTERFACE IPv4 ENABLE PENDING", HANDLED, mirelRtrEnablePendingHandler,
+     &Stats::enablePending, true},
+    {EVENT(TARNR_RTR_INTF_DISABLE), "INTERFACE IPv4 DISABLE", HANDLED, mirelRtrDisableHandler, &Stats::disable, true},
+    {EVENT(TARNR_RTR_INTF_DISABLE_PENDING), "INTERFACE IPv4 DISABLE PENDING", UNKNOWN, nullptr, nullptr, true},
+    {EVENT(TARNR_RTR_INTF_ADDR_CHANGE), "IPv4 ADDRESS CHANGE", HANDLED, mirelRtrAddrHandler, &Stats::addrChange, true},
+    {EVENT(TARNR_RTR_INTF_MTU), "IPv4 MTU CHANGE", HANDLED, mirelRtrMtuHandler, &Stats::mtu, true},
+    {EVENT(TARNR_RTR_INTF_BW_CHANGE), "BANDWIDTH CHANGE", HANDLED, mirelRtrBwHandler, &Stats::bwChange, true},
+    {EVENT(TARNR_RTR_INTF_HOST_MODE), "HOST INTERFACE FOR IPv4", HANDLED, mirelRtrHostModeHandler, &Stats::hostMode,
+     true},
+    {EVENT(TARNR_RTR_INTF_CFG_CHANGE), "INTERFACE CONFIG CHANGE", HANDLED, mirelRtrCfgHandler, &Stats::cfgChange, true},
+    {EVENT(TARNR_RTR6_ENABLE), "IPv6 ROUTING ENABLE", NOTED, nullptr, nullptr, false},
+    {EVENT(TARNR_RTR6_DISABLE), "IPv6 ROUTING DISABLE", NOTED, nullptr, nullptr, false},
+    {EVENT(TARNR_RTR6_STARTUP_DONE), "IPv6 STARTUP DONE", NOTED, nullptr, nullptr, false},
+    {EVENT(TARNR_RTR6_INTF_CREATE), "IPv6 INTERFACE CREATE", NOTED, nullptr, nullptr, false},
+    {EVENT(TARNR_RTR6_INTF_DELETE), "IPv6 INTERFACE DELETE", NOTED, nullptr, nullptr, false},
+    {EVENT(TARNR_RTR6_INTF_ENABLE), "INTERFACE IPv6 ENABLE", NOTED, nullptr, nullptr, false},
+    {EVENT(TARNR_RTR6_INTF_DISABLE), "INTERFACE IPv6 DISABLE", NOTED, nullptr, nullptr, false},
+    {EVENT(TARNR_RTR6_INTF_ADDR_CHANGE), "IPv6 ADDRESS CHANGE", NOTED, nullptr, nullptr, false},
+    {EVENT(TARNR_RTR6_INTF_MTU), "IPv6 MTU CHANGE", NOTED, nullptr, nullptr, false},
+    {EVENT(TARNR_RTR6_INTF_BW_CHANGE), "IPv6 BANDWIDTH CHANGE", NOTED, nullptr, nullptr, false},
+    {EVENT(TARNR_RTR6_INTF_HOST_MODE), "HOST INTERFACE FOR IPv6", NOTED, nullptr, nullptr, false},
+    {EVENT(TARNR_POLICY_CHANGE), "POLICY CHANGE", UNKNOWN, nullptr, nullptr, true},
 };
 
 #undef EVENT

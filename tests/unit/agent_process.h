@@ -11,6 +11,16 @@
 
 using Lines = std::vector<std::string>;
 
+// The event sockets of the client ids that the scripted platform hands out.
+inline constexpr char ROUTER_EVENT_SOCKET[] = "/tmp/rppi_rec.0005";
+inline constexpr char BEST_ROUTE_SOCKET[] = "/tmp/rppi_brc.0007";
+
+// Whether the socket took the datagram.
+bool sendDatagram(const std::string &socketPath, const std::string &bytes);
+
+// A datagram of a type and a length, which it states; all else is filled with ones, and cut to the length.
+std::string eventDatagram(uint16_t type, size_t length);
+
 struct AgentOptions {
   std::vector<std::string> arguments = {"mirel-3"};
   std::string script = {};
@@ -33,6 +43,8 @@ public:
 
   void script(const std::string &lines);
   void clock(uint64_t seconds) { clock_->store(seconds); }
+  // Moves the clock there, with a router keep-alive every two minutes on the way. Returns the trace of it.
+  Lines keepAliveUntil(uint64_t seconds);
   void stop(); // suspends the process, and returns when it stands still
   void resume();
 

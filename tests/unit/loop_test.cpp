@@ -1,6 +1,7 @@
 // The main loop of the real agent: its sockets, its timers and its keep-alive checks, by a clock that the test sets.
 
 #include "agent_process.h"
+#include "own_namespaces.h"
 #include "unique_fd.h"
 
 #include <algorithm>
@@ -10,9 +11,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 
 namespace {
 
@@ -25,26 +24,13 @@ using testing::StartsWith;
 
 constexpr char PASS_END[] = "rpcclt_rpc_failure_occured";
 constexpr char FETCH[] = "rpcclt_tarnapiBestRouteChangeNextGetMult 7 50 [89200]";
-constexpr char BEST_ROUTE_SOCKET[] = "/tmp/rppi_brc.0007";
 
 std::string log(int severity, const std::string &text) {
   return "log " + std::to_string(severity) + " 156 application/routing/mirel/core/mirel [VRF \"blue\"]: " + text;
 }
 
-bool trySend(const std::string &bytes) {
-  const UniqueFd sock(socket(AF_UNIX, SOCK_DGRAM, 0));
-  sockaddr_un to{};
-  to.sun_family = AF_UNIX;
-  strcpy(to.sun_path, BEST_ROUTE_SOCKET);
-  return sendto(sock.get(), bytes.data(), bytes.size(), MSG_DONTWAIT, reinterpret_cast<const sockaddr *>(&to),
-                sizeof to) == static_cast<ssize_t>(bytes.size());
-}
-
-// A best-route datagram of a type and a length; all else is filled with ones.
-std::string datagram(uint16_t type, size_t length) {
-  std::string bytes(std::max(length, sizeof type), '\xff');
-  memcpy(bytes.data(), &type, sizeof type);
-  return bytes.substr(0, length);
+std::string routerLog(int severity, const std::string &text) {
+  return "log " + std::to_string(severity) + " 156 application/routing/mirel/core/mirel_router [VRF \"blue\"]: " + text;
 }
 
 // The number behind a label of a show operation.
@@ -71,25 +57,25 @@ TEST(Loop, BestRouteDatagrams) {
   };
   const std::string one(1, '\x01');
   const std::vector<Case> cases = {
-      {{datagram(1, 4)}, "0 1005", false},
-      {{datagram(10, 4)}, "1 1000", false},
-      {{datagram(300, 164)}, "1 1000", false},
-      {{datagram(1, 300)}, "0 1005", false},
-      {{datagram(10, 300)}, "1 1000", false},
-      {{datagram(1, 256)}, "0 1005", false},
+      {{eventDatagram(1, 4)}, "0 1005", false},
+      {{eventDatagram(10, 4)}, "1 1000", false},
+      {{eventDatagram(300, 164)}, "1 1000", false},
+      {{eventDatagram(1, 300)}, "0 1005", false},
+      {{eventDatagram(10, 300)}, "1 1000", false},
+      {{eventDatagram(1, 256)}, "0 1005", false},
       {{one}, "0 1005", false},
       {{std::string(1, '\n')}, "1 1000", false}, // the first byte of type 10
       {{std::string(1, '\0')}, "1 1000", false},
       {{""}, "0 1000", true},
-      {{datagram(300, 300), one}, "1 1005", false}, // nothing is left of the longer one
-      {{"", datagram(1, 8)}, "0 1005", true},
+      {{eventDatagram(300, 300), one}, "1 1005", false}, // nothing is left of the longer one
+      {{"", eventDatagram(1, 8)}, "0 1005", true},
   };
   for (const Case &row : cases) {
     AgentProcess agent;
     agent.passes(1);
     agent.clock(1005);
     for (const std::string &bytes : row.datagrams) {
-      ASSERT_TRUE(trySend(bytes));
+      ASSERT_TRUE(sendDatagram(BEST_ROUTE_SOCKET, bytes));
     }
     agent.passes(static_cast<int>(row.datagrams.size()) + 1);
     const std::string what = testing::PrintToString(row.datagrams);
@@ -103,11 +89,57 @@ TEST(Loop, BestRouteDatagrams) {
   }
 }
 
+// What the two sockets share is shown by the best-route one; here a length that is not the stated one drops the
+// message.
+TEST(Loop, RouterDatagrams) {
+  const auto dropped = [](int read, int type, int stated) {
+    return routerLog(3, "Read " + std::to_string(read) + " bytes of message " + std::to_string(type) +
+                            " from service MIREL, but message reports its length as " + std::to_string(stated));
+  };
+  const std::string acknowledge = "rpcclt_tarnapiRouterEventAcknowledge 3 5 4294967295";
+  struct Case {
+    std::vector<std::string> datagrams;
+    const char *keepAlive; // its time, which stands at 1000 before
+    Lines calls;
+  };
+  const std::vector<Case> cases = {
+      {{eventDatagram(1, 8)}, "1005", {}},
+      {{eventDatagram(1, 4)}, "1005", {}},
+      {{eventDatagram(1, 256)}, "1005", {}},
+      {{eventDatagram(1, 300)}, "1000", {dropped(256, 1, 300)}},
+      {{eventDatagram(1, 8) + "x"}, "1000", {dropped(9, 1, 8)}},
+      {{std::string(1, '\x01')}, "1000", {dropped(1, 1, 0)}},
+      {{""}, "1000", {"read failed"}},
+      {{eventDatagram(101, 300), std::string("\x01\0\x03", 3)}, "1005", {dropped(256, 101, 300)}},
+      {{"", eventDatagram(101, 8), eventDatagram(1, 8)}, "1005", {"read failed", acknowledge}},
+      {{eventDatagram(300, 8), eventDatagram(109, 256)}, "1000", {acknowledge}},
+  };
+  for (const Case &row : cases) {
+    AgentProcess agent;
+    agent.passes(1);
+    const std::string fd = valueOf(agent.run("mirelRouterEventClientShow"), "rppi_evnt_fd");
+    const std::string failed = log(3, "Failed to read socket with fd " + fd + " for router event client");
+    agent.clock(1005);
+    const size_t before = agent.trace().size();
+    for (const std::string &bytes : row.datagrams) {
+      ASSERT_TRUE(sendDatagram(ROUTER_EVENT_SOCKET, bytes));
+    }
+    agent.passes(static_cast<int>(row.datagrams.size()) + 1);
+    const std::string what = testing::PrintToString(row.datagrams);
+    EXPECT_EQ(valueOf(agent.run("mirelRouterEventClientShow"), "rppi_evnt_keepalive_time"), row.keepAlive) << what;
+    Lines lines = agent.trace();
+    lines.erase(lines.begin(), lines.begin() + static_cast<ptrdiff_t>(before));
+    std::erase_if(lines, [](const std::string &line) { return line == PASS_END || line.starts_with("ran "); });
+    std::replace(lines.begin(), lines.end(), failed, std::string("read failed"));
+    EXPECT_EQ(lines, row.calls) << what;
+  }
+}
+
 TEST(Loop, TracesReachTheOutputAtOnce) {
   AgentProcess agent;
   agent.run("mirelDebugFlagsSet 1");
-  ASSERT_TRUE(trySend(datagram(10, 300)));
-  ASSERT_TRUE(trySend(datagram(1, 1)));
+  ASSERT_TRUE(sendDatagram(BEST_ROUTE_SOCKET, eventDatagram(10, 300)));
+  ASSERT_TRUE(sendDatagram(BEST_ROUTE_SOCKET, eventDatagram(1, 1)));
   agent.passes(2);
   const std::string main = "[blue (VRF 3)]:main: Received message for best route service with msg type ";
   EXPECT_EQ(agent.output(),
@@ -118,23 +150,32 @@ TEST(Loop, OneDatagramASocketAndPass) {
   mkfifo("/tmp/syncdb.fifo", 0600);
   AgentProcess agent("syncdbClientRegister: 0 /tmp/syncdb.fifo");
   agent.run("mirelDebugFlagsSet 1");
-  EXPECT_THAT(agent.trace(), Contains("select /tmp/rppi_brc.0007 file 1.0s"));
+  EXPECT_THAT(agent.trace(), Contains("select /tmp/rppi_brc.0007 /tmp/rppi_rec.0005 file 1.0s"));
+  const size_t before = agent.output().size();
   agent.stop();
   const UniqueFd fifo(open("/tmp/syncdb.fifo", O_RDWR | O_NONBLOCK | O_CLOEXEC));
   ASSERT_EQ(write(fifo.get(), "x", 1), 1);
   for (const uint16_t type : {uint16_t{1}, uint16_t{10}, uint16_t{103}}) {
-    ASSERT_TRUE(trySend(datagram(type, 8)));
+    ASSERT_TRUE(sendDatagram(BEST_ROUTE_SOCKET, eventDatagram(type, 8)));
+  }
+  for (const uint16_t type : {uint16_t{101}, uint16_t{1}}) {
+    ASSERT_TRUE(sendDatagram(ROUTER_EVENT_SOCKET, eventDatagram(type, 8)));
   }
   agent.resume();
   agent.passes(4);
   char byte;
   ASSERT_EQ(read(fifo.get(), &byte, 1), 1); // nobody has read it but the test
+  const std::string router = "[blue (VRF 3)]:main: Received message for router event service with msg type ";
   const std::string best = "[blue (VRF 3)]:main: Received message for best route service with msg type ";
   const std::string syncdb = "[blue (VRF 3)]:main: Received an event from syncdb socket\n"
                              "[blue (VRF 3)]:mirelSyncDbCfgChangeHandle: Received a syncDb event\n";
   const std::string length = " and length 8 bytes\n";
-  EXPECT_THAT(agent.output(), StartsWith(best + "KEEPALIVE" + length + syncdb + best + "BEST ROUTE CHANGE" + length +
-                                         syncdb + best + "STARTUP DONE" + length + syncdb));
+  EXPECT_THAT(agent.output().substr(before),
+              StartsWith(router + "IPv4 ROUTING ENABLE" + length +
+                         "[blue (VRF 3)]:mirelRouterEventMsgProcess: Received msg type IPv4 ROUTING ENABLE on Router "
+                         "Event Client\n" +
+                         best + "KEEPALIVE" + length + syncdb + router + "KEEPALIVE" + length + best +
+                         "BEST ROUTE CHANGE" + length + syncdb + best + "STARTUP DONE" + length + syncdb));
 }
 
 TEST(Loop, SyncDbEventIsSilentWithoutTheDebugBit) {
@@ -153,7 +194,7 @@ TEST(Loop, DatagramsQueueWhileTheAgentIsBusy) {
   agent.passes(1);
   agent.stop();
   int sent = 0;
-  while (sent < 200 && trySend(datagram(1, 8))) {
+  while (sent < 200 && sendDatagram(BEST_ROUTE_SOCKET, eventDatagram(1, 8))) {
     ++sent;
   }
   agent.resume();
@@ -164,7 +205,7 @@ TEST(Loop, PollTimer) {
   for (const uint64_t start : {uint64_t{1000}, (uint64_t{1} << 32) - 5}) {
     AgentProcess agent(AgentOptions{.clock = start});
     agent.passes(1);
-    ASSERT_TRUE(trySend(datagram(10, 8)));
+    ASSERT_TRUE(sendDatagram(BEST_ROUTE_SOCKET, eventDatagram(10, 8)));
     agent.clock(start + 9);
     EXPECT_THAT(agent.passes(), Each(PASS_END));
     agent.clock(start + 10);
@@ -176,7 +217,7 @@ TEST(Loop, PollTimer) {
     EXPECT_THAT(agent.passes(), Each(PASS_END));
     // A new poll time counts from the last poll.
     agent.run("mirelBestRoutePollTimeSet 3");
-    ASSERT_TRUE(trySend(datagram(10, 8)));
+    ASSERT_TRUE(sendDatagram(BEST_ROUTE_SOCKET, eventDatagram(10, 8)));
     agent.clock(start + 22);
     EXPECT_THAT(agent.passes(), Not(Contains(FETCH)));
     agent.clock(start + 23);
@@ -184,12 +225,50 @@ TEST(Loop, PollTimer) {
   }
 }
 
+// Both timers run at the poll time, the changes before the parked interfaces.
+TEST(Loop, PollTimersInOrder) {
+  AgentProcess agent;
+  agent.run("mirelDebugFlagsSet 1");
+  ASSERT_TRUE(sendDatagram(BEST_ROUTE_SOCKET, eventDatagram(10, 8)));
+  agent.clock(1009);
+  agent.passes();
+  const size_t before = agent.output().size();
+  agent.clock(1010);
+  agent.passes();
+  EXPECT_EQ(agent.output().substr(before),
+            "[blue (VRF 3)]:mirelBestRoutesProcess: Fetching 50 best routes from RTO.\n"
+            "[blue (VRF 3)]:mirelIntfBestRoutesProcess: Installing interface best-routes from RTO.\n"
+            "[blue (VRF 3)]:dequeueMirel: Trying to dequeue from Mirel Queue...\n");
+}
+
+TEST(Loop, RouterKeepAliveEdges) {
+  for (const uint64_t start : {uint64_t{1000}, (uint64_t{1} << 32) - 100, uint64_t{1} << 32}) {
+    AgentProcess agent(AgentOptions{.clock = start});
+    agent.passes(1);
+    agent.clock(start + 120);
+    EXPECT_THAT(agent.passes(), Each(PASS_END));
+    agent.clock(start + 121);
+    Lines lines = agent.passes(3);
+    std::erase(lines, PASS_END);
+    const Lines expected = {
+        routerLog(5, "Deregistering route event client mirel:3"),
+        "rpcclt_tarnapiRouterEventDeregister 3 5",
+        "rpcclt_tarnapiRouterEventRegister 1 " + std::to_string(agent.pid()) + " 3 mirel:3[8]",
+        "rpcclt_tarnapiRtrIntfNextGetVrf 3 0",
+        "rpcclt_tarnapiRoutingStartupStatusVr 1 3",
+    };
+    EXPECT_EQ(lines, expected) << start;
+    const std::string shown = agent.run("mirelRouterEventClientShow");
+    EXPECT_EQ(valueOf(shown, "statsHandle.numRecTimeout"), "1") << start;
+    EXPECT_EQ(valueOf(shown, "rppi_evnt_keepalive_time"), std::to_string(static_cast<uint32_t>(start + 121)));
+  }
+}
+
 TEST(Loop, BestRouteKeepAliveEdges) {
   for (const uint64_t start : {uint64_t{1000}, (uint64_t{1} << 32) - 100, uint64_t{1} << 32}) {
     AgentProcess agent(AgentOptions{.clock = start});
     agent.passes(1);
-    agent.clock(start + 240);
-    EXPECT_THAT(agent.passes(), Each(PASS_END));
+    EXPECT_THAT(agent.keepAliveUntil(start + 240), Each(PASS_END));
     agent.clock(start + 241);
     Lines lines = agent.passes(3);
     std::erase(lines, PASS_END);
@@ -221,7 +300,7 @@ TEST(Loop, WhatCountsAsASignOfLife) {
     }
     agent.clock(1200);
     agent.passes(1);
-    ASSERT_TRUE(trySend(datagram(row.type, 8)));
+    ASSERT_TRUE(sendDatagram(BEST_ROUTE_SOCKET, eventDatagram(row.type, 8)));
     agent.clock(1215);
     agent.passes();
     agent.clock(1400);
@@ -231,13 +310,81 @@ TEST(Loop, WhatCountsAsASignOfLife) {
   }
 }
 
-TEST(Loop, KeepAliveTimeoutThatCannotRegisterAgain) {
+TEST(Loop, TimeoutsThatEndTheAgent) {
+  const struct {
+    const char *scriptBefore;
+    const char *scriptAfter;
+    std::string last;
+  } CASES[] = {
+      {"", "rpcclt_tarnapiBestRouteEventRegisterVr: -24",
+       log(3, "Error in handling best route client timeout for Mirel.")},
+      {"", "rpcclt_tarnapiRouterEventRegister: -24",
+       log(3, "Error in handling router event client timeout for Mirel.")},
+      {"rpcclt_tarnapiRoutingStartupStatusVr: 0 0", "rpcclt_tarnapiBestRouteEventRegisterVr: -23",
+       routerLog(3, "Mirel registration for best route servicen not valid")},
+      {"rpcclt_tarnapiRoutingStartupStatusVr: 0 0", "rpcclt_tarnapiBestRouteEventRegisterVr: 0 0",
+       routerLog(3, "Mirel registration for best route servicen not valid")},
+  };
+  for (const auto &row : CASES) {
+    AgentProcess agent(row.scriptBefore);
+    agent.passes(1);
+    agent.script(row.scriptAfter);
+    agent.clock(2000);
+    EXPECT_EQ(agent.end(), "exit 0") << row.scriptAfter;
+    EXPECT_EQ(agent.trace().back(), row.last) << row.scriptAfter;
+  }
+}
+
+// Routing that starts later brings the best-route client; one that cannot be had ends the agent, the event unanswered.
+TEST(Loop, StartupDone) {
+  const std::string status = "rpcclt_tarnapiRoutingStartupStatusVr: 0 0\n";
+  AgentProcess agent(status);
+  agent.passes(1);
+  ASSERT_TRUE(sendDatagram(ROUTER_EVENT_SOCKET, eventDatagram(103, 8)));
+  agent.passes(3);
+  EXPECT_THAT(agent.trace(), Contains("select /tmp/rppi_brc.0007 /tmp/rppi_rec.0005 1.0s"));
+
+  for (const char *refused : {"-23", "0 0"}) {
+    AgentProcess ending(status + "rpcclt_tarnapiBestRouteEventRegisterVr: " + refused);
+    ending.run("mirelDebugFlagsSet 1");
+    ASSERT_TRUE(sendDatagram(ROUTER_EVENT_SOCKET, eventDatagram(103, 8)));
+    EXPECT_EQ(ending.end(), "exit 0");
+    EXPECT_THAT(ending.output(), testing::EndsWith(" Mirel process exiting.\n"));
+    EXPECT_THAT(ending.trace(), Not(Contains(StartsWith("rpcclt_tarnapiRouterEventAcknowledge"))));
+  }
+}
+
+// The group is left without a word before anything has joined it.
+TEST(Loop, MembershipOfRealDevices) {
+  const auto event = [](uint16_t type) {
+    std::string bytes = eventDatagram(type, 164);
+    const uint32_t intIfNum = 5;
+    memcpy(bytes.data() + 8, &intIfNum, sizeof intIfNum);
+    return bytes;
+  };
+  const auto logs = [](Lines lines) {
+    std::erase_if(lines, [](const std::string &line) { return !line.starts_with("log "); });
+    return lines;
+  };
+  shell("ip link add rt1 type veth peer name h1");
   AgentProcess agent;
   agent.passes(1);
-  agent.script("rpcclt_tarnapiBestRouteEventRegisterVr: -24");
-  agent.clock(2000);
-  EXPECT_EQ(agent.end(), "exit 0");
-  EXPECT_EQ(agent.trace().back(), log(3, "Error in handling best route client timeout for Mirel."));
+  ASSERT_TRUE(sendDatagram(ROUTER_EVENT_SOCKET, event(113)));
+  Lines lines = agent.passes();
+  EXPECT_THAT(lines, Contains("osapiIfFlagChange rt1 1 1"));
+  EXPECT_THAT(logs(lines), IsEmpty());
+
+  ASSERT_TRUE(sendDatagram(ROUTER_EVENT_SOCKET, event(107)));
+  EXPECT_THAT(logs(agent.passes()), IsEmpty());
+  EXPECT_NO_THROW(shell("ip maddr show dev rt1 | grep -qw 224.0.0.2"));
+  unsigned allowed = 0;
+  std::ifstream("/proc/sys/net/ipv4/igmp_max_memberships") >> allowed;
+  EXPECT_GE(allowed, 1100u);
+
+  ASSERT_TRUE(sendDatagram(ROUTER_EVENT_SOCKET, event(108)));
+  EXPECT_THAT(logs(agent.passes()), IsEmpty());
+  EXPECT_NO_THROW(shell("! ip maddr show dev rt1 | grep -qw 224.0.0.2"));
+  shell("ip link del rt1");
 }
 
 // The indication must have stood for more than 30 seconds; its time is never forgotten.

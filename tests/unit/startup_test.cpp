@@ -29,6 +29,10 @@ std::string log(int severity, const std::string &text) {
   return "log " + std::to_string(severity) + AREA + text;
 }
 
+std::string routerLog(int severity, const std::string &text) {
+  return "log " + std::to_string(severity) + " 156 application/routing/mirel/core/mirel_router " + text;
+}
+
 // The trace up to the first wait, without the registration of debug operations.
 Lines startUp(AgentProcess &agent) {
   agent.passes(1);
@@ -55,11 +59,18 @@ TEST(StartUp, OrderOfCalls) {
       "procOsapiRouteNetlinkSocketInit netlink-request_dx-to-kernel",
       "rpcclt_tarnapiRoutingProtocolRegister 3 1 kernel[7] K[2] 7",
       "rpcclt_tarnapiRouteTypeRegister 1 7 Kernel[7] [1]",
+      "rpcclt_tarnapiRouterEventRegister 1 " + std::to_string(agent.pid()) + " 3 mirel:3[8]",
+      "rpcclt_tarnapiRtrICMPRatelimitGet blue[65]",
+      "osapiIpv4IcmpRatelimitSet 100 1000",
+      "rpcclt_tarnapiRtrICMPEchoReplyModeGet blue[65]",
+      "osapiIpv4IcmpIgnoreEchoRequestSet 0",
+      "osapiIpv4IcmpEchoIgnoreBcastSet 0",
       "rpcclt_tarnapiRoutingStartupStatusVr 1 3",
+      "rpcclt_tarnapiRtrIntfNextGetVrf 3 0",
       "rpcclt_tarnapiBestRouteEventRegisterVr 3 1 " + std::to_string(agent.pid()) + " mirel:3[8]",
   };
   EXPECT_THAT(startUp(agent), ElementsAreArray(expected));
-  EXPECT_THAT(agent.trace(), Contains("select /tmp/rppi_brc.0007 1.0s"));
+  EXPECT_THAT(agent.trace(), Contains("select /tmp/rppi_brc.0007 /tmp/rppi_rec.0005 1.0s"));
   EXPECT_EQ(agent.output(), "");
 }
 
@@ -131,6 +142,17 @@ TEST(StartUp, FatalSteps) {
       {"procOsapiRouteNetlinkSocketInit: 1",
        "exit 0",
        {log(3, "[VRF \"blue\"]: Failed to initialize the Mirel netlink socket for updates to Kernel (VRF namespce).")}},
+      {"rpcclt_tarnapiRouterEventRegister: -22",
+       "exit 0",
+       {routerLog(3, "[VRF \"blue\"]: Failed to register as router event client (err = -22)."),
+        routerLog(3, "Invalid parameter"), log(3, "[VRF \"blue\"]: Mirel failed to register to router event client."),
+        log(3, "[VRF \"blue\"]: Mirel: Failure in router event client registration. Client id = 0, sock fd = -1")}},
+      {"rpcclt_tarnapiRouterEventRegister: 0 70",
+       "exit 0",
+       {routerLog(3, "[VRF \"blue\"]: Failed to bind RPPI client socket"),
+        routerLog(3, "[VRF \"blue\"]: Failed to create router event client socket."),
+        log(3, "[VRF \"blue\"]: Mirel failed to register to router event client."),
+        log(3, "[VRF \"blue\"]: Mirel: Failure in router event client registration. Client id = 70, sock fd = -1")}},
       {"rpcclt_tarnapiRoutingStartupStatusVr: -26",
        "exit 0",
        {log(6,
@@ -145,7 +167,8 @@ TEST(StartUp, FatalSteps) {
         log(3, "[VRF \"blue\"]: Failed to create best route client socket."),
         log(3, "[VRF \"blue\"]: Mirel failed to register to best route service.")}},
   };
-  std::filesystem::create_directory("/tmp/rppi_brc.0070"); // where no socket can be bound
+  std::filesystem::create_directory("/tmp/rppi_rec.0070"); // where no socket can be bound
+  std::filesystem::create_directory("/tmp/rppi_brc.0070");
   for (const auto &row : CASES) {
     AgentProcess agent(row.script);
     EXPECT_EQ(agent.end(), row.end) << row.script;
@@ -154,14 +177,22 @@ TEST(StartUp, FatalSteps) {
     lines.erase(lines.begin(), lines.end() - static_cast<ptrdiff_t>(row.last.size()));
     EXPECT_EQ(lines, row.last) << row.script;
   }
+  std::filesystem::remove("/tmp/rppi_rec.0070");
   std::filesystem::remove("/tmp/rppi_brc.0070");
 }
 
-// A client id of 0 is no registration, whatever the call answered; only a trace says so, and traces are off.
+// A client id of 0 is no registration, whatever the call answered. For the best-route client only a trace says so, and
+// traces are off.
 TEST(StartUp, ClientIdZeroIsFatal) {
   AgentProcess agent("rpcclt_tarnapiBestRouteEventRegisterVr: 0 0");
   EXPECT_EQ(agent.end(), "exit 0");
   EXPECT_THAT(agent.trace().back(), StartsWith("rpcclt_tarnapiBestRouteEventRegisterVr "));
+
+  AgentProcess routerEvents("rpcclt_tarnapiRouterEventRegister: 0 0");
+  EXPECT_EQ(routerEvents.end(), "exit 0");
+  EXPECT_THAT(routerEvents.trace().back(),
+              StartsWith(log(
+                  3, "[VRF \"blue\"]: Mirel: Failure in router event client registration. Client id = 0, sock fd = ")));
 }
 
 TEST(StartUp, SurvivedFailures) {
@@ -174,6 +205,11 @@ TEST(StartUp, SurvivedFailures) {
         log(3, "[VRF \"\"]: Failed to register Route Types with TARN RTO.")}},
       {"rpcclt_tarnapiRoutingProtocolRegister: -24",
        {log(3, "[VRF \"blue\"]: Failed to register Route Types with TARN RTO.")}},
+      {"rpcclt_tarnapiRtrICMPRatelimitGet: -26\nosapiIpv4IcmpIgnoreEchoRequestSet: 1\nosapiIpv4IcmpEchoIgnoreBcastSet: "
+       "1",
+       {routerLog(3, "[VRF \"blue\"]: Failed to get the ICMP rate-limit."),
+        routerLog(3, "[VRF \"blue\"]: Failed to set the ICMP echo-reply mode (0)."),
+        routerLog(3, "[VRF \"blue\"]: Failed to set the ICMP echo ignore broadcast mode (0).")}},
       {"syncdbSet: 1", {}},
       {"system: -1", {}},
   };
@@ -236,12 +272,30 @@ TEST(StartUp, ClosedStandardDescriptors) {
   }
 }
 
+TEST(StartUp, InterfacesAreReplayedBeforeBestRoutes) {
+  shell("ip link add rt1 type veth peer name h1");
+  AgentProcess agent("rpcclt_tarnapiRtrIntfNextGetVrf: 0 5\nrpcclt_tarnapiRtrIntfNextGetVrf: 0 9");
+  Lines lines = startUp(agent);
+  shell("ip link del rt1");
+  std::erase_if(lines, [](const std::string &line) {
+    return line.find("NextGetVrf") == std::string::npos && !line.starts_with("rpcclt_tarnapiRtrIntfL3MacAddressGet") &&
+           line.find("Event") == std::string::npos;
+  });
+  const std::string pid = std::to_string(agent.pid());
+  EXPECT_EQ(lines, (Lines{"rpcclt_tarnapiRouterEventRegister 1 " + pid + " 3 mirel:3[8]",
+                          "rpcclt_tarnapiRtrIntfNextGetVrf 3 0", "rpcclt_tarnapiRtrIntfL3MacAddressGet 5 [6]",
+                          "rpcclt_tarnapiRtrIntfNextGetVrf 3 5", "rpcclt_tarnapiRtrIntfL3MacAddressGet 9 [6]",
+                          "rpcclt_tarnapiRtrIntfNextGetVrf 3 9",
+                          "rpcclt_tarnapiBestRouteEventRegisterVr 3 1 " + pid + " mirel:3[8]"}));
+}
+
 TEST(StartUp, RoutingNotStarted) {
-  AgentProcess agent("rpcclt_tarnapiRoutingStartupStatusVr: 0 0");
-  EXPECT_THAT(startUp(agent), Not(Contains(StartsWith("rpcclt_tarnapiBestRouteEventRegisterVr"))));
-  EXPECT_THAT(agent.trace(), Contains("select 1.0s"));
-  agent.clock(100000);
-  EXPECT_THAT(agent.passes(), Each("rpcclt_rpc_failure_occured"));
+  AgentProcess agent("rpcclt_tarnapiRoutingStartupStatusVr: 0 0\nrpcclt_tarnapiRtrIntfNextGetVrf: 0 5");
+  const Lines lines = startUp(agent);
+  EXPECT_THAT(lines, Not(Contains(StartsWith("rpcclt_tarnapiBestRouteEventRegisterVr"))));
+  EXPECT_THAT(lines, Not(Contains(StartsWith("rpcclt_tarnapiRtrIntfNextGetVrf"))));
+  EXPECT_THAT(agent.trace(), Contains("select /tmp/rppi_rec.0005 1.0s"));
+  EXPECT_THAT(agent.keepAliveUntil(1500), Each("rpcclt_rpc_failure_occured"));
 }
 
 } // namespace

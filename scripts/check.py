@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""Builds every configuration and runs every test, then counts the tests of all runners on one last line.
+"""Builds the release and the sanitizer configurations and runs every test in each, then counts the tests of all runners on one last line.
 
 A test that was skipped, disabled or could not be started counts as failed, and so does a build that breaks and a
 stage that ran no test at all: silence must never look like success.

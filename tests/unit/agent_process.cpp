@@ -20,6 +20,7 @@
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
+#include <utility>
 
 namespace {
 
@@ -160,16 +161,17 @@ void AgentProcess::resume() {
 }
 
 Lines AgentProcess::passes(int count) {
-  const size_t before = trace().size();
+  const auto before = static_cast<ptrdiff_t>(trace().size());
   Lines lines;
   // One more than asked for: the pass under way had begun before.
   waitUntil(
       [&] {
         lines = trace();
-        lines.erase(lines.begin(), lines.begin() + static_cast<ptrdiff_t>(before));
-        return std::count(lines.begin(), lines.end(), PASS_END) > count;
+        return std::count(lines.begin() + before, lines.end(), PASS_END) > count;
       },
       "passes of the loop");
+  const auto seen = static_cast<ptrdiff_t>(std::exchange(seen_, lines.size()));
+  lines.erase(lines.begin(), lines.begin() + seen);
   return lines;
 }
 
@@ -185,6 +187,7 @@ std::string AgentProcess::run(const std::string &operation) {
                            [&](const std::string &line) { return line.starts_with(done); });
       },
       operation);
+  seen_ = trace().size();
   return output().substr(before);
 }
 

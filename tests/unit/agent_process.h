@@ -48,8 +48,9 @@ public:
   void stop(); // suspends the process, and returns when it stands still
   void resume();
 
-  // Waits until the agent has gone through its loop that many more times from start to end, and returns the trace of them.
-  // Throws when it does not within a generous time; so do the next two.
+  // Waits until the agent has gone through its loop that many more times from start to end. Returns what the trace has
+  // gained since the last call of this or of run(), since what the test did in between may have had its effect already.
+  // Throws when it does not happen within a generous time; so do the next two.
   Lines passes(int count = 2);
   // Runs a debug operation between two passes and returns what it prints.
   std::string run(const std::string &operation);
@@ -64,6 +65,7 @@ private:
   std::atomic<uint64_t> *clock_;
   pid_t pid_ = -1;
   int status_ = -1;
+  size_t seen_ = 0; // lines of the trace that have been returned
 };
 
 #endif

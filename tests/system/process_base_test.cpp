@@ -222,7 +222,7 @@ TEST(Queue, manyThreadsLoseNothing) {
 TEST(Queue, waitingTaskCanBeCancelled) {
   osapiMsgQueue *queue = osapiMsgQueueCreate("", 2, 1);
   const auto entry = [](void *arg) -> void * {
-    char message;
+    static char message; // nothing on the stack: a thread that is cancelled never leaves its frames
     osapiMessageReceive(static_cast<osapiMsgQueue *>(arg), &message, 1, QV_WAIT_FOREVER);
     return nullptr;
   };

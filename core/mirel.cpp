@@ -5,6 +5,7 @@
 #include "mirel.h"
 
 #include "kernel_setting.h"
+#include "mirel_arp.h"
 #include "mirel_best_route.h"
 #include "mirel_debug.h"
 #include "mirel_restart.h"
@@ -124,6 +125,14 @@ void datagramQueueRaise() {
   kernelSettingRaise("/proc/sys/net/unix/max_dgram_qlen", DATAGRAM_QUEUE_LENGTH);
 }
 
+void arpSocketCreate() {
+  if (mirelCreateArpSock(&arp_sock_fd) != 0) {
+    MIREL_LOG(SEVERITY_ERROR, "Failed to create the Mirel ARP socket.");
+    return;
+  }
+  MIREL_TRACE(TRACE_GENERAL, OPERATION, "Successfully created Mirel ARP socket\n");
+}
+
 void kernelUpdateSocketInit() {
   if (procOsapiRouteNetlinkSocketInit(&routeNetlinkSock) != 0) {
     MIREL_TRACE(TRACE_RTO_FAILURE, OPERATION,
@@ -211,6 +220,7 @@ int main(int argc, char **argv) {
   restartCheck();
   loopbackUp();
   datagramQueueRaise();
+  arpSocketCreate();
   kernelUpdateSocketInit();
   mirelIntIfInfoAllocate();
   routeTypesRegister();

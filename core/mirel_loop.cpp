@@ -3,6 +3,7 @@
 
 #include "mirel.h"
 
+#include "mirel_arp.h"
 #include "mirel_best_route.h"
 #include "mirel_intf_best_route.h"
 #include "mirel_router.h"
@@ -59,8 +60,9 @@ Read datagramRead(int fd, uint32_t &length) {
   return Read::MESSAGE;
 }
 
-RppiEventMsg eventMessage() {
-  RppiEventMsg msg;
+// The record at the front of the receive buffer; what a short datagram lacks is zero.
+template <typename Message> Message messageRead() {
+  Message msg;
   static_assert(sizeof msg <= RECEIVE_SIZE);
   memcpy(&msg, receiveBuffer.data(), sizeof msg);
   return msg;
@@ -82,7 +84,7 @@ bool fitsReadSet(int fd) {
 int readSetFill() {
   FD_ZERO(&readSet);
   int highest = -1;
-  for (const int fd : {rppi_evnt_fd.get(), brc_sock_fd.get(), syncdbClient.syncdbNotifyFd}) {
+  for (const int fd : {rppi_evnt_fd.get(), brc_sock_fd.get(), arp_sock_fd.get(), syncdbClient.syncdbNotifyFd}) {
     if (fd != -1 && fitsReadSet(fd)) {
       FD_SET(fd, &readSet);
       highest = std::max(highest, fd);
@@ -127,7 +129,7 @@ void serviceRouterEvents() {
   if (outcome != Read::MESSAGE) {
     return;
   }
-  const RppiEventMsg msg = eventMessage();
+  const auto msg = messageRead<RppiEventMsg>();
   MIREL_TRACE(TRACE_GENERAL, OPERATION,
               "Received message for router event service with msg type %s and length %u bytes\n",
               mirelRouterEventNameGet(msg.msgType), length);
@@ -147,11 +149,36 @@ void serviceBestRoutes() {
   if (outcome != Read::MESSAGE) {
     return;
   }
-  const RppiEventMsg msg = eventMessage();
+  const auto msg = messageRead<RppiEventMsg>();
   MIREL_TRACE(TRACE_GENERAL, OPERATION,
               "Received message for best route service with msg type %s and length %u bytes\n",
               mirelRouterEventNameGet(msg.msgType), length);
   mirelBestRouteMsgProcess(msg);
+}
+
+void serviceArpResolutions() {
+  const int fd = arp_sock_fd;
+  if (!isReady(fd)) {
+    return;
+  }
+  uint32_t length = 0;
+  const Read outcome = datagramRead(fd, length);
+  if (outcome == Read::NOTHING) {
+    return;
+  }
+  if (outcome == Read::FAILED) {
+    MIREL_LOG(SEVERITY_ERROR, "Failed to read socket with fd %d for ARP resolution", fd);
+    ++statsHandle.numArpResolveErrors;
+    return;
+  }
+  MIREL_TRACE(TRACE_GENERAL, OPERATION, "Received an event from arp socket\n");
+  const auto msg = messageRead<ArpResolutionMsg>();
+  if (mirelArpEvntHandle(&msg) != 0) {
+    MIREL_LOG(SEVERITY_ERROR, "Error in handling ARP resolution message from orrin process");
+    ++statsHandle.numArpResolveErrors;
+    return;
+  }
+  ++statsHandle.numArpResolves;
 }
 
 // The process library drains its descriptor itself.
@@ -230,6 +257,7 @@ void mirelMainLoop() {
     if (pass == Pass::SERVICE) {
       serviceRouterEvents();
       serviceBestRoutes();
+      serviceArpResolutions();
       serviceSyncDb();
     }
     bestRouteTimers(timers);

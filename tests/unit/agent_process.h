@@ -11,9 +11,10 @@
 
 using Lines = std::vector<std::string>;
 
-// The event sockets of the client ids that the scripted platform hands out.
+// The sockets that an agent of VRF 3 serves, with the client ids that the scripted platform hands out.
 inline constexpr char ROUTER_EVENT_SOCKET[] = "/tmp/rppi_rec.0005";
 inline constexpr char BEST_ROUTE_SOCKET[] = "/tmp/rppi_brc.0007";
+inline constexpr char ARP_SOCKET[] = "/tmp/mirel-03/arp-socket";
 
 // Whether the socket took the datagram.
 bool sendDatagram(const std::string &socketPath, const std::string &bytes);

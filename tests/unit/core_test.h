@@ -41,6 +41,7 @@ protected:
     routeNetlinkSock.fd = 100;
     brc_sock_fd = -1;
     brc_client_id = 7;
+    rppi_evnt_client_id = 0;
     brc_client_keepalive_time = 0;
     bestRouteChangePending = 0;
     mirelBestRoutePollTime = 10;

@@ -150,7 +150,7 @@ TEST(Loop, OneDatagramASocketAndPass) {
   mkfifo("/tmp/syncdb.fifo", 0600);
   AgentProcess agent("syncdbClientRegister: 0 /tmp/syncdb.fifo");
   agent.run("mirelDebugFlagsSet 1");
-  EXPECT_THAT(agent.trace(), Contains("select /tmp/rppi_brc.0007 /tmp/rppi_rec.0005 file 1.0s"));
+  EXPECT_THAT(agent.trace(), Contains("select /tmp/mirel-03/arp-socket /tmp/rppi_brc.0007 /tmp/rppi_rec.0005 file 1.0s"));
   const size_t before = agent.output().size();
   agent.stop();
   const UniqueFd fifo(open("/tmp/syncdb.fifo", O_RDWR | O_NONBLOCK | O_CLOEXEC));
@@ -342,7 +342,7 @@ TEST(Loop, StartupDone) {
   agent.passes(1);
   ASSERT_TRUE(sendDatagram(ROUTER_EVENT_SOCKET, eventDatagram(103, 8)));
   agent.passes(3);
-  EXPECT_THAT(agent.trace(), Contains("select /tmp/rppi_brc.0007 /tmp/rppi_rec.0005 1.0s"));
+  EXPECT_THAT(agent.trace(), Contains("select /tmp/mirel-03/arp-socket /tmp/rppi_brc.0007 /tmp/rppi_rec.0005 1.0s"));
 
   for (const char *refused : {"-23", "0 0"}) {
     AgentProcess ending(status + "rpcclt_tarnapiBestRouteEventRegisterVr: " + refused);

@@ -3,11 +3,9 @@
 #include "core_test.h"
 #include "mirel_best_route.h"
 #include "mirel_route_flush.h"
+#include "netlink_bytes.h"
 #include "own_namespaces.h"
 
-#include <algorithm>
-#include <cstring>
-#include <memory>
 #include <net/if.h>
 
 namespace {
@@ -17,36 +15,8 @@ using testing::IsEmpty;
 
 const std::string LOG = "log 3 156 application/routing/mirel/core/mirel [VRF \"blue\"]: ";
 
-using Bytes = std::string;
-
-template <class T> Bytes bytesOf(const T &value) {
-  return Bytes(reinterpret_cast<const char *>(&value), sizeof value);
-}
-
-Bytes aligned(Bytes bytes) {
-  bytes.resize((bytes.size() + 3) & ~size_t{3});
-  return bytes;
-}
-
-Bytes attribute(uint16_t type, const Bytes &data) {
-  const rtattr header{.rta_len = static_cast<uint16_t>(sizeof header + data.size()), .rta_type = type};
-  return aligned(bytesOf(header) + data);
-}
-
 Bytes name(const std::string &text) {
   return attribute(IFLA_IFNAME, text + '\0');
-}
-
-Bytes message(uint16_t type, const Bytes &payload) {
-  nlmsghdr header{};
-  header.nlmsg_len = static_cast<uint32_t>(sizeof header + payload.size());
-  header.nlmsg_type = type;
-  header.nlmsg_flags = NLM_F_MULTI;
-  return aligned(bytesOf(header) + payload);
-}
-
-Bytes zeros(size_t count) {
-  return Bytes(count, '\0');
 }
 
 Bytes link(int index, unsigned flags, const Bytes &attributes) {
@@ -64,22 +34,8 @@ Bytes done() {
   return message(NLMSG_DONE, zeros(4));
 }
 
-// The same bytes with another length in the first message's header.
-Bytes claiming(uint32_t length, Bytes bytes) {
-  memcpy(bytes.data(), &length, sizeof length);
-  return bytes;
-}
-
-Bytes cut(size_t by, Bytes bytes) {
-  bytes.resize(bytes.size() - by);
-  return bytes;
-}
-
-// From a buffer of the read's very size, so that the sanitizers see every byte that is read behind it.
 bool dumpRead(const Bytes &read) {
-  const auto buffer = std::make_unique<std::byte[]>(read.size());
-  std::transform(read.begin(), read.end(), buffer.get(), [](char c) { return static_cast<std::byte>(c); });
-  return mirelLinkDumpRead({buffer.get(), read.size()});
+  return readOf(read, mirelLinkDumpRead);
 }
 
 Lines flapOf(const std::string &device) {
@@ -140,16 +96,10 @@ TEST_F(RouteFlushTest, Reads) {
   }
 }
 
-// Every length at which a read could break off, as it is and with the first message claiming all of it.
 TEST_F(RouteFlushTest, ReadsThatBreakOff) {
   const Bytes dump = upLink(attribute(IFLA_ADDRESS, "abcdef") + name("rt1")) + link(5, 0, {}) +
                      message(RTM_NEWLINK, zeros(3)) + message(NLMSG_ERROR, {}) + done();
-  for (size_t length = 0; length <= dump.size(); ++length) {
-    dumpRead(dump.substr(0, length));
-    if (length >= sizeof(nlmsghdr)) {
-      dumpRead(claiming(static_cast<uint32_t>(length), dump.substr(0, length)));
-    }
-  }
+  readEveryCut(dump, mirelLinkDumpRead);
   EXPECT_THAT(scripted::takeCalls(), testing::Contains("osapiIfFlagChange rt1 1 1"));
 }
 

@@ -56,6 +56,8 @@ TEST(StartUp, OrderOfCalls) {
       "syncdbGet Mirel Restart State-3 1 0",
       "syncdbSet Mirel Restart State-3 1 1",
       "system ifconfig lo up",
+      "system rm -rf /tmp/mirel-03",
+      "system mkdir /tmp/mirel-03",
       "procOsapiRouteNetlinkSocketInit netlink-request_dx-to-kernel",
       "rpcclt_tarnapiRoutingProtocolRegister 3 1 kernel[7] K[2] 7",
       "rpcclt_tarnapiRouteTypeRegister 1 7 Kernel[7] [1]",
@@ -70,7 +72,7 @@ TEST(StartUp, OrderOfCalls) {
       "rpcclt_tarnapiBestRouteEventRegisterVr 3 1 " + std::to_string(agent.pid()) + " mirel:3[8]",
   };
   EXPECT_THAT(startUp(agent), ElementsAreArray(expected));
-  EXPECT_THAT(agent.trace(), Contains("select /tmp/rppi_brc.0007 /tmp/rppi_rec.0005 1.0s"));
+  EXPECT_THAT(agent.trace(), Contains("select /tmp/mirel-03/arp-socket /tmp/rppi_brc.0007 /tmp/rppi_rec.0005 1.0s"));
   EXPECT_EQ(agent.output(), "");
 }
 
@@ -212,6 +214,7 @@ TEST(StartUp, SurvivedFailures) {
         routerLog(3, "[VRF \"blue\"]: Failed to set the ICMP echo ignore broadcast mode (0).")}},
       {"syncdbSet: 1", {}},
       {"system: -1", {}},
+      {"system= 0", {log(3, "[VRF \"blue\"]: Failed to create the Mirel ARP socket.")}},
   };
   for (const auto &row : CASES) {
     AgentProcess agent(row.script);
@@ -294,7 +297,7 @@ TEST(StartUp, RoutingNotStarted) {
   const Lines lines = startUp(agent);
   EXPECT_THAT(lines, Not(Contains(StartsWith("rpcclt_tarnapiBestRouteEventRegisterVr"))));
   EXPECT_THAT(lines, Not(Contains(StartsWith("rpcclt_tarnapiRtrIntfNextGetVrf"))));
-  EXPECT_THAT(agent.trace(), Contains("select /tmp/rppi_rec.0005 1.0s"));
+  EXPECT_THAT(agent.trace(), Contains("select /tmp/mirel-03/arp-socket /tmp/rppi_rec.0005 1.0s"));
   EXPECT_THAT(agent.keepAliveUntil(1500), Each("rpcclt_rpc_failure_occured"));
 }
 

@@ -144,6 +144,9 @@ int32_t registerClient(Switch &sw, ClientKind kind, uint32_t vrf, const Applican
   client.process = who.process == who.pid ? 0 : who.process;
   client.started = processStartTime(who.process);
   client.name = name;
+  if (before == nullptr && kind == ClientKind::ROUTER_EVENT) {
+    greetNewcomer(sw, client);
+  }
   id = client.id;
   sw.journal.append(clientLine(client));
   activate(sw, sw.clients[id] = std::move(client), openProcess(who.process));
@@ -159,6 +162,8 @@ std::string restoreClient(Switch &sw, Client client) {
     client.events = std::move(before->events);
     client.hadEvents = before->hadEvents;
     sw.clients.erase(before->id);
+  } else if (client.kind == ClientKind::ROUTER_EVENT) {
+    greetNewcomer(sw, client); // whatever it has acknowledged: twice does no harm
   }
   client.changes.retire();
   client.registered = true;

@@ -32,8 +32,9 @@ bool restoreAs(Switch &sw, Words &words, ClientKind kind, std::string &out) {
   if (!onlyRestoring(sw, out) || !takeNumber(words, "client", client.id, out) || !takeKeyword(words, "vrf", out) ||
       !takeVrf(sw, words, vrf, out) || !takeKeyword(words, "pid", out) || !takeNumber(words, "pid", client.pid, out) ||
       (words.takeIf("process") && !takeNumber(words, "process", client.process, out)) ||
-      (words.takeIf("started") && !takeNumber(words, "started", client.started, out)) || !takeKeyword(words, "name", out) ||
-      !takeName(words, "name", tarnwire::NAME_MAX_BYTES, client.name, out) || !takeEnd(words, out)) {
+      (words.takeIf("started") && !takeNumber(words, "started", client.started, out)) ||
+      !takeKeyword(words, "name", out) || !takeName(words, "name", tarnwire::NAME_MAX_BYTES, client.name, out) ||
+      !takeEnd(words, out)) {
     return false;
   }
   client.vrf = vrf->id;

@@ -308,6 +308,7 @@ bool interfaceHostMode(Switch &sw, Words &words, std::string &out) {
   if (!takeInterface(sw, words, interface, out) || !takeEnd(words, out)) {
     return false;
   }
+  interface->hostMode = interface->state != Interface::DOWN;
   sendInterfaceEvent(sw, *interface, routerEvent(TARNR_RTR_INTF_HOST_MODE, interface->number));
   return true;
 }

@@ -73,11 +73,10 @@ bool setRouting(Switch &sw, Words &words, Vrf &vrf, std::string &out) {
     return false;
   }
   vrf.routing = on;
+  sendRouterEvent(sw, vrf.id, routerEvent(on ? TARNR_RTR_ENABLE : TARNR_RTR_DISABLE));
+  followRouting(sw, vrf);
   if (on) {
-    sendRouterEvent(sw, vrf.id, routerEvent(TARNR_RTR_ENABLE));
     sendRouterEvent(sw, vrf.id, routerEvent(TARNR_RTR_STARTUP_DONE));
-  } else {
-    sendRouterEvent(sw, vrf.id, routerEvent(TARNR_RTR_DISABLE));
   }
   return true;
 }

@@ -5,20 +5,32 @@
 #include "router_events.h"
 #include "routes.h"
 
+#include <algorithm>
+
 namespace orrin {
 
 namespace {
 
-void appendVrf(const Vrf &vrf, std::string &out) {
+bool hasInterfaceNotDown(const Switch &sw, const Vrf &vrf) {
+  return std::ranges::any_of(sw.interfaces, [&vrf](const auto &entry) {
+    return entry.second.vrf == vrf.id && entry.second.state != Interface::DOWN;
+  });
+}
+
+void appendRouting(const Vrf &vrf, bool on, std::string &out) {
+  appendNumber(out += "vrf set ", vrf.id);
+  out += on ? " routing on\n" : " routing off\n";
+}
+
+void appendVrf(const Vrf &vrf, bool routing, std::string &out) {
   appendNumber(out += "vrf add ", vrf.id);
   out.append(1, ' ').append(vrf.name).append(" interface ").append(vrf.interfaceName);
   if (!vrf.netns.empty()) {
     out.append(" netns ").append(vrf.netns);
   }
   out += '\n';
-  if (vrf.routing) {
-    appendNumber(out += "vrf set ", vrf.id);
-    out += " routing on\n";
+  if (routing) {
+    appendRouting(vrf, true, out);
   }
   const Vrf fresh;
   if (vrf.icmpBurst != fresh.icmpBurst || vrf.icmpInterval != fresh.icmpInterval) {
@@ -131,14 +143,18 @@ void appendConfig(Switch &sw, const Vrf *only, bool runs, std::string &out) {
   }
   for (const auto &[id, vrf] : sw.vrfs) {
     if (wanted(id)) {
-      appendVrf(vrf, out);
+      // For the state folder, interfaces that are still going down come up with it first.
+      appendVrf(vrf, vrf.routing || (runs && hasInterfaceNotDown(sw, vrf)), out);
     }
   }
   for (const auto &[number, interface] : sw.interfaces) {
     if (wanted(interface.vrf)) {
       appendInterface(interface, out);
-      if (interface.wanted || interface.state == Interface::DOWN_PENDING) {
+      if (interface.wanted || (runs && interface.state == Interface::DOWN_PENDING)) {
         appendSwitchCommand("interface enable ", number, out);
+      }
+      if (interface.hostMode) {
+        appendSwitchCommand("interface host-mode ", number, out);
       }
     }
   }
@@ -167,6 +183,11 @@ bool writeState(Switch &sw, std::string &error) {
   }
   appendNumber(text += "client next ", sw.nextClientId);
   text += '\n';
+  for (const auto &[id, vrf] : sw.vrfs) {
+    if (!vrf.routing && hasInterfaceNotDown(sw, vrf)) {
+      appendRouting(vrf, false, text);
+    }
+  }
   for (const auto &[number, interface] : sw.interfaces) {
     appendUnfinished(interface, text);
   }

@@ -26,9 +26,14 @@ void awaitAcknowledgement(Switch &sw, Interface &interface, Interface::State sta
                      wait);
 }
 
+// Enabled, and the VRF routes: else the interface stays down until it does.
+bool mayBeUp(const Switch &sw, const Interface &interface) {
+  return interface.wanted && sw.vrfs.at(interface.vrf).routing;
+}
+
 void goUp(Switch &sw, Interface &interface) {
-  interface.wanted = true;
   interface.bounce = false;
+  interface.hostMode = false;
   awaitAcknowledgement(sw, interface, Interface::UP_PENDING, TARNR_RTR_INTF_ENABLE_PENDING);
 }
 
@@ -43,7 +48,7 @@ void arriveUp(Switch &sw, Interface &interface) {
   for (const VrrpGroup &group : interface.vrrp) {
     sendRouterEvent(sw, interface.vrf, vrrpEvent(interface.number, group, true));
   }
-  if (!interface.wanted || interface.bounce) {
+  if (!mayBeUp(sw, interface) || interface.bounce) {
     goDown(sw, interface);
   }
 }
@@ -51,7 +56,7 @@ void arriveUp(Switch &sw, Interface &interface) {
 void arriveDown(Switch &sw, Interface &interface) {
   interface.state = Interface::DOWN;
   sendRouterEvent(sw, interface.vrf, routerEvent(TARNR_RTR_INTF_DISABLE, interface.number));
-  if (interface.wanted) {
+  if (mayBeUp(sw, interface)) {
     goUp(sw, interface);
   }
 }
@@ -114,7 +119,7 @@ RppiEventMsg vrrpEvent(uint32_t interface, const VrrpGroup &group, bool add) {
 
 void enableInterface(Switch &sw, Interface &interface) {
   interface.wanted = true;
-  if (interface.state == Interface::DOWN || interface.state == Interface::UP) {
+  if (mayBeUp(sw, interface) && (interface.state == Interface::DOWN || interface.state == Interface::UP)) {
     goUp(sw, interface);
   }
   advance(sw, interface);
@@ -126,6 +131,20 @@ void disableInterface(Switch &sw, Interface &interface) {
     goDown(sw, interface);
   }
   advance(sw, interface);
+}
+
+void followRouting(Switch &sw, const Vrf &vrf) {
+  for (auto &[number, interface] : sw.interfaces) {
+    if (interface.vrf != vrf.id) {
+      continue;
+    }
+    if (mayBeUp(sw, interface) && interface.state == Interface::DOWN) {
+      goUp(sw, interface);
+    } else if (!vrf.routing && interface.state == Interface::UP) {
+      goDown(sw, interface);
+    }
+    advance(sw, interface);
+  }
 }
 
 void bounceInterface(Switch &sw, Interface &interface) {

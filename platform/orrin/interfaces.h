@@ -21,10 +21,12 @@ RppiEventMsg configEvent(ConfigChange change, uint32_t interface = 0);
 RppiEventMsg addressEvent(uint32_t interface, const InterfaceAddress &address, bool add);
 RppiEventMsg vrrpEvent(uint32_t interface, const VrrpGroup &group, bool add);
 
-// Up: once more if it is up already. Down. Down and up again, to take over a new identity; nothing for one that is down.
+// Up, as soon as its VRF routes; once more if it is up already. Down. Down and up again, to take over a new identity; nothing for one that is down.
 void enableInterface(Switch &sw, Interface &interface);
 void disableInterface(Switch &sw, Interface &interface);
 void bounceInterface(Switch &sw, Interface &interface);
+// The VRF's routing was switched on or off: its enabled interfaces come up or go down.
+void followRouting(Switch &sw, const Vrf &vrf);
 
 // An event of an interface's setting, if the interface is not down.
 void sendInterfaceEvent(Switch &sw, const Interface &interface, const RppiEventMsg &event);

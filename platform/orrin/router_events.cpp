@@ -104,6 +104,16 @@ uint32_t sendRouterEvent(Switch &sw, uint32_t vrf, RppiEventMsg event) {
   return event.eventSeq;
 }
 
+void greetNewcomer(Switch &sw, Client &client) {
+  for (const auto &[number, interface] : sw.interfaces) {
+    if (interface.vrf == client.vrf && interface.state == Interface::UP) {
+      for (const VrrpGroup &group : interface.vrrp) {
+        keepEvent(sw, client, vrrpEvent(number, group, true));
+      }
+    }
+  }
+}
+
 void deliverEvents(Switch &sw, Client &client) {
   for (const RppiEventMsg &event : client.events) {
     client.outbox.add(event);

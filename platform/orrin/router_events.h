@@ -21,6 +21,9 @@ int32_t acknowledgeEvent(Switch &sw, Client &client, uint32_t sequence);
 // Is there a registered client of the VRF that has yet to acknowledge the event?
 bool eventIsAwaited(const Switch &sw, uint32_t vrf, uint32_t sequence);
 
+// What a client without a forerunner cannot ask for: the VRRP addresses of the interfaces that are up.
+void greetNewcomer(Switch &sw, Client &client);
+
 // After a client was registered: everything that it has to know is sent.
 void deliverEvents(Switch &sw, Client &client);
 

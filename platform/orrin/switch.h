@@ -65,8 +65,9 @@ struct Interface {
   uint32_t redirects = 1;
 
   State state = DOWN;
-  bool wanted = false;      // enabled, or to be
+  bool wanted = false;      // enabled: up as long as the VRF routes
   bool bounce = false;      // down and up once more, as soon as it is up
+  bool hostMode = false;    // no router for the others since it came up
   uint32_t waitsFor = 0;    // sequence of the pending event
   uint32_t ackTimeouts = 0; // pending events that not all clients acknowledged in time
 };

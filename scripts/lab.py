@@ -1,18 +1,20 @@
 #!/usr/bin/python3
 """The lab: a switch with two VRFs whose addresses overlap, an agent for each, and hosts behind them, all in a sandbox.
 
-    ./lab              runs until Ctrl-C and shows how many routes the switch and the kernel hold
-    ./lab --once       waits until both kernels mirror the switch, prints both sides, and ends
+    ./lab              runs until Ctrl-C and shows how many interfaces and routes the switch and the kernels hold
+    ./lab --once       waits until both kernels mirror the switch, prints both sides, pings across each VRF, and ends
     ./lab exec <...>   runs a command inside the running lab
 """
 
 import argparse
 import fcntl
 import ipaddress
+import json
 import os
 import pathlib
 import shutil
 import signal
+import subprocess
 import sys
 import time
 
@@ -23,9 +25,12 @@ ONCE_TIMEOUT = 60
 RESTART_AFTER = 2
 QUIET_REPORT_EVERY = 10
 
-# What the switch holds for a VRF beside its interfaces. {a} and {b} are the interfaces behind rt1 and rt2; the two VRFs
-# hold the same prefixes and send them different ways.
-ROUTES = """\
+# What the switch holds for a VRF beside its plain interfaces. {a} and {b} are the interfaces behind rt1 and rt2; the two
+# VRFs hold the same prefixes and send them different ways.
+SETTINGS = """\
+interface set {a} mtu 1400 redirects 0
+interface secondary {a} add 10.11.0.1/24
+interface vrrp {b} label 7 add 10.2.0.254
 route add vrf {id} 0.0.0.0/0 via 10.2.0.9 interface {b}
 route add vrf {id} 10.1.0.0/24 local via 10.1.0.1 interface {a}
 route add vrf {id} 10.2.0.0/24 local via 10.2.0.1 interface {b}
@@ -47,7 +52,7 @@ BULK = {3: ["routes add vrf 3 20.0.0.0/24 count 12 via 10.1.0.3 interface {a}",
 
 def switch_script(vrf):
     a, b = (labnet.interface_of(vrf, number) for number in (1, 2))
-    lines = labnet.vrf_script(vrf) + ROUTES.format(id=vrf.id, a=a, b=b).splitlines()
+    lines = labnet.vrf_script(vrf) + SETTINGS.format(id=vrf.id, a=a, b=b).splitlines()
     lines += [line.format(a=a, b=b) for line in BULK[vrf.id]]
     return lines + [f"vrf set {vrf.id} routing on"]
 
@@ -99,11 +104,11 @@ class Lab:
 
 
 def counts():
-    """One row a VRF, from `orrinctl diff summary`; none while the switch does not answer."""
+    """A row for the interfaces and one for the routes of each VRF; none while the switch does not answer."""
     rows = []
     for line in labnet.orrinctl("diff", "summary").stdout.splitlines():
-        _, number, name, _, switch, _, wanted, _, kernel, _, different = line.split()
-        rows.append((f"{number} {name}", int(switch), int(wanted), int(kernel), int(different)))
+        _, number, name, area, _, switch, _, wanted, _, kernel, _, different = line.split()
+        rows.append((f"{number} {name} {area}", int(switch), int(wanted), int(kernel), int(different)))
     return rows
 
 
@@ -125,7 +130,7 @@ class Live:
     def show(self, rows):
         silent = ["the switch does not answer"]
         if self.terminal:
-            lines = ["{:<12}{:>16}{:>16}{:>16}{:>12}".format(*row) for row in (self.HEAD, *rows)] if rows else silent
+            lines = ["{:<22}{:>14}{:>16}{:>14}{:>11}".format(*row) for row in (self.HEAD, *rows)] if rows else silent
             back = f"\x1b[{self.drawn}A" if self.drawn else ""
             # Each line is cleared before it is written, and so is what an earlier, longer table left below.
             sys.stdout.write(back + "".join(f"\x1b[2K{line}\n" for line in lines) + "\x1b[J")
@@ -166,9 +171,36 @@ def print_side_by_side(vrf):
     switch, kernel = switch_side(vrf), kernel_side(vrf)
     prefixes = sorted({*switch, *kernel}, key=ipaddress.ip_network)
     width = max([len(text) for text in switch.values()] + [20])
-    print(f"\nVRF {vrf.id} {vrf.name}\n{'prefix':<20}{'switch':<{width + 2}}kernel")
+    print(f"\nVRF {vrf.id} {vrf.name}")
+    for device, (on_switch, in_kernel) in interface_sides(vrf).items():
+        print(f"{device}  switch  {on_switch}\n     kernel  {in_kernel}")
+    print(f"{'prefix':<20}{'switch':<{width + 2}}kernel")
     for prefix in prefixes:
         print(f"{prefix:<20}{switch.get(prefix, '-'):<{width + 2}}{kernel.get(prefix, '-')}")
+
+
+def interface_sides(vrf):
+    """device -> what the switch says of it, and the kernel."""
+    kernel = {link["ifname"]: link for link in labnet.ip_json("addr", "show", ns=vrf.name)}
+    sides = {}
+    for interface in json.loads(labnet.orrinctl("show", "interfaces", "vrf", vrf.id, "json").stdout):
+        link = kernel[interface["device"]]
+        addresses = [f"{each['local']}/{each['prefixlen']} ({each['label']})" for each in link["addr_info"]
+                     if each["family"] == "inet"]
+        sides[interface["device"]] = (
+            " ".join([interface["state"], interface["mac"], f"mtu {interface['mtu']}", interface["address"],
+                      interface["more-addresses"]]).strip(),
+            " ".join(["up" if "UP" in link["flags"] else "down", link["address"], f"mtu {link['mtu']}", *addresses]))
+    return sides
+
+
+def ping_across(vrf):
+    """From a host behind rt1 to one behind rt2, between addresses that only mirrored routes reach. The first packets may be
+    lost to a link that has just come up."""
+    ping = labnet.in_netns(vrf.host(1), "ping", "-c1", "-W1", "-I", "172.16.1.1", "172.16.2.1")
+    done = labnet.until(lambda: done if (done := subprocess.run(ping, text=True, capture_output=True)).returncode == 0 else None,
+                        10, f"a ping crosses VRF {vrf.name}")
+    return done.stdout.splitlines()[1]
 
 
 # Running -----------------------------------------------------------------------------------------------------------
@@ -183,6 +215,7 @@ def run_once():
             labnet.until_mirrored(vrf, max(0, started + ONCE_TIMEOUT - time.monotonic()))
         for vrf in lab.vrfs:
             print_side_by_side(vrf)
+            print(f"ping from 172.16.1.1 behind rt1: {ping_across(vrf)}")
         print(f"\nboth kernels mirror the switch, {time.monotonic() - started:.1f} s after the start")
         return 0
     except (TimeoutError, RuntimeError) as error:
@@ -261,7 +294,7 @@ def main():
 
     if os.geteuid() != 0:
         sys.exit("lab: needs root, to make namespaces")
-    missing = [program for program in ("ip", "ifconfig", "nsenter")
+    missing = [program for program in ("ip", "ifconfig", "nsenter", "ping")
                if not shutil.which(program, path="/usr/sbin:/usr/bin:/sbin:/bin")]
     if missing:
         sys.exit(f"lab: missing: {', '.join(missing)}; run scripts/install")

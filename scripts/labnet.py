@@ -150,9 +150,9 @@ def ensure_netns(name):
 
 @dataclass(frozen=True)
 class Vrf:
-    """A VRF and its namespace of the same name. Device rt<n> has 10.<n>.0.1/24; behind it the host namespace
-    <name>-h<n> has 10.<n>.0.2 to .9 as gateways and 172.16.<n>.1 as an address that only a mirrored route reaches.
-    Every VRF has the same addresses: that they stay apart is what VRFs are for."""
+    """A VRF and its namespace of the same name. The switch gives 10.<n>.0.1/24 to device rt<n>; behind it the host
+    namespace <name>-h<n> has 10.<n>.0.2 to .9 as gateways and 172.16.<n>.1 as an address that only a mirrored route
+    reaches. Every VRF has the same addresses: that they stay apart is what VRFs are for."""
 
     id: int
     name: str
@@ -170,6 +170,7 @@ class Vrf:
 
 
 def make_vrf(vrf_id, name, links=2):
+    """The namespaces and their links. The VRF's devices are bare: down and without addresses, as the agent finds them."""
     vrf = Vrf(vrf_id, name)
     ip("netns", "add", name)
     run(*in_netns(name, "sh", "-c", "echo 1 > /proc/sys/net/ipv4/ip_forward"))
@@ -177,10 +178,15 @@ def make_vrf(vrf_id, name, links=2):
         host = vrf.host(number)
         ensure_netns(host)
         ip("link", "add", f"rt{number}", "netns", name, "type", "veth", "peer", "name", "eth0", "netns", host)
-        ip_batch([f"addr add 10.{number}.0.1/24 dev rt{number}", f"link set rt{number} up"], ns=name)
         ip_batch(["link set eth0 up", *(f"addr add 10.{number}.0.{last}/24 dev eth0" for last in range(2, 10)),
                   f"addr add 172.16.{number}.1/32 dev lo", f"route add default via 10.{number}.0.1"], ns=host)
     return vrf
+
+
+def dress(vrf, links=2):
+    """Sets the VRF's devices up by hand, where no agent does."""
+    ip_batch([line for number in range(1, links + 1)
+              for line in (f"addr add 10.{number}.0.1/24 dev rt{number}", f"link set rt{number} up")], ns=vrf.name)
 
 
 def add_tunnel_devices(vrf):
@@ -195,10 +201,13 @@ def interface_of(vrf, number):
 
 
 def vrf_script(vrf, links=2):
-    """The commands that make the VRF and its interfaces known to the switch."""
-    return [f"vrf add {vrf.id} {vrf.name} interface {vrf.name} netns {vrf.name}"] + \
-        [f"interface add {interface_of(vrf, number)} vrf {vrf.id} name 1/{vrf.id}/{number} device rt{number}"
-         for number in range(1, links + 1)]
+    """The commands that make the VRF and its interfaces known to the switch, and enable the interfaces."""
+    lines = [f"vrf add {vrf.id} {vrf.name} interface {vrf.name} netns {vrf.name}"]
+    for number in range(1, links + 1):
+        interface = interface_of(vrf, number)
+        lines += [f"interface add {interface} vrf {vrf.id} name 1/{vrf.id}/{number} device rt{number}",
+                  f"interface set {interface} address 10.{number}.0.1/24", f"interface enable {interface}"]
+    return lines
 
 
 # Processes ---------------------------------------------------------------------------------------------------------
@@ -320,7 +329,8 @@ class System:
 
 
 def start_system(names=("blue",), script=()):
-    """A running switch with VRFs 3, 4 ... of these names, routing on, and their agents, which fetch at every pass."""
+    """A running switch with VRFs 3, 4 ... of these names, routing on, and their agents, which have brought the interfaces up
+    and fetch at every pass."""
     vrfs = [make_vrf(number, name) for number, name in enumerate(names, 3)]
     lines = [line for vrf in vrfs for line in (*vrf_script(vrf), f"vrf set {vrf.id} routing on")]
     switch = Switch([*lines, *script])
@@ -329,16 +339,18 @@ def start_system(names=("blue",), script=()):
     for agent in agents:
         agent.start()
         agent.quick()
+        until_mirrored(agent.vrf, areas=("interfaces",))
     return System(vrfs, switch, agents)
 
 
-def differences(vrf=None):
+def differences(vrf=None, areas=()):
     """What `orrinctl diff` prints; empty when the mirror is true."""
-    done = orrinctl("diff", *(["vrf", vrf.id] if vrf else []))
+    done = orrinctl("diff", *(["vrf", vrf.id] if vrf else []), *areas)
     if done.returncode not in (0, 1):
         raise RuntimeError(f"orrinctl diff: {done.stderr}")
     return done.stdout
 
 
-def until_mirrored(vrf, at_most=20):
-    until(lambda: not differences(vrf), at_most, lambda: f"VRF {vrf.id} is mirrored; still different:\n{differences(vrf)}")
+def until_mirrored(vrf, at_most=20, areas=()):
+    until(lambda: not differences(vrf, areas), at_most,
+          lambda: f"VRF {vrf.id} is mirrored; still different:\n{differences(vrf, areas)}")

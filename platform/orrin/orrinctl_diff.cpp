@@ -1,13 +1,14 @@
-// `orrinctl diff`: compares what the switch holds for each VRF with what the kernel of the VRF's namespace holds. Both
-// sides come in ascending order and are walked together once.
-#include "grammar.h"
+// `orrinctl diff`: compares what the switch holds for each VRF with what the kernel of the VRF's namespace holds.
 #include "orrinctl_mirror.h"
+#include "orrinctl_netlink.h"
 #include "orrinctl_session.h"
 
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <cstdio>
-#include <linux/rtnetlink.h>
+#include <fcntl.h>
+#include <sched.h>
 #include <span>
 
 namespace {
@@ -16,102 +17,28 @@ constexpr int EXIT_SAME = 0;
 constexpr int EXIT_DIFFERENT = 1;
 constexpr int EXIT_TROUBLE = 2;
 
+struct Area {
+  const char *name;
+  std::string (*compare)(const MirrorVrf &vrf, DeviceNames &devices, bool print, MirrorCounts &counts);
+};
+
+constexpr std::array AREAS = {Area{"interfaces", compareInterfaces}, Area{"routes", compareRoutes}};
+
 struct DiffOptions {
   bool oneVrf = false;
   uint32_t vrfId = 0;
   bool summary = false;
+  std::array<bool, AREAS.size()> areas{}; // none = all
 };
 
-// The way a route goes, in the words of `ip route`.
-std::string wayText(const MirrorRoute &route, const DeviceNames &devices) {
-  switch (route.type) {
-  case RTN_UNICAST:
-    break;
-  case RTN_UNREACHABLE:
-    return "unreachable";
-  case RTN_BLACKHOLE:
-    return "blackhole";
-  case RTN_PROHIBIT:
-    return "prohibit";
-  default:
-    return "type " + std::to_string(route.type);
+bool takeArea(std::string_view word, DiffOptions &options) {
+  const auto *area = std::find_if(AREAS.begin(), AREAS.end(), [word](const Area &each) { return word == each.name; });
+  if (area == AREAS.end()) {
+    return false;
   }
-  std::string text;
-  if (route.gateway != 0) {
-    text = "via ";
-    orrin::appendAddress(text, route.gateway);
-  }
-  if (route.device != 0 && route.device != MirrorRoute::ANY_DEVICE) {
-    text += text.empty() ? "dev " : " dev ";
-    text += devices.nameOf(route.device);
-  }
-  return text.empty() ? "nowhere" : text;
+  options.areas[static_cast<size_t>(area - AREAS.begin())] = true;
+  return true;
 }
-
-bool sameWay(const MirrorRoute &expected, const MirrorRoute &kernel) {
-  return expected.type == kernel.type && expected.gateway == kernel.gateway &&
-         (expected.device == kernel.device || expected.device == MirrorRoute::ANY_DEVICE);
-}
-
-// Counts the differences of one VRF and, unless a summary is all that is wanted, prints each.
-class RouteComparison {
-public:
-  RouteComparison(const MirrorVrf &vrf, const DeviceNames &devices, bool print)
-      : vrf_(vrf), devices_(devices), print_(print) {}
-
-  size_t run(std::span<const MirrorRoute> kernel) {
-    auto have = kernel.begin();
-    for (const MirrorRoute &want : vrf_.expected) {
-      for (; have != kernel.end() && have->key() < want.key(); ++have) {
-        report('+', *have, wayText(*have, devices_));
-      }
-      auto last = have;
-      while (last != kernel.end() && last->key() == want.key()) {
-        ++last;
-      }
-      compare(want, {have, last});
-      have = last;
-    }
-    for (; have != kernel.end(); ++have) {
-      report('+', *have, wayText(*have, devices_));
-    }
-    return differences_;
-  }
-
-private:
-  // `have` is every route of that prefix in the kernel; more than one is already a fault.
-  void compare(const MirrorRoute &want, std::span<const MirrorRoute> have) {
-    if (have.empty()) {
-      report('-', want, wayText(want, devices_));
-      return;
-    }
-    auto match = std::find_if(have.begin(), have.end(), [&](const MirrorRoute &route) { return sameWay(want, route); });
-    if (match == have.end()) {
-      match = have.begin();
-      report('~', want, "switch " + wayText(want, devices_) + ", kernel " + wayText(*match, devices_));
-    }
-    for (auto extra = have.begin(); extra != have.end(); ++extra) {
-      if (extra != match) {
-        report('+', *extra, wayText(*extra, devices_));
-      }
-    }
-  }
-
-  void report(char sign, const MirrorRoute &route, const std::string &way) {
-    ++differences_;
-    if (!print_) {
-      return;
-    }
-    std::string prefix;
-    orrin::appendPrefix(prefix, {route.prefix, route.length});
-    std::printf("%c vrf %u route %s %s\n", sign, vrf_.id, prefix.c_str(), way.c_str());
-  }
-
-  const MirrorVrf &vrf_;
-  const DeviceNames &devices_;
-  const bool print_;
-  size_t differences_ = 0;
-};
 
 bool parseOptions(std::span<char *const> words, DiffOptions &options) {
   for (size_t i = 0; i < words.size(); ++i) {
@@ -125,9 +52,12 @@ bool parseOptions(std::span<char *const> words, DiffOptions &options) {
       options.oneVrf = true;
     } else if (word == "summary") {
       options.summary = true;
-    } else if (word != "routes") {
+    } else if (!takeArea(word, options)) {
       return false;
     }
+  }
+  if (std::ranges::none_of(options.areas, [](bool chosen) { return chosen; })) {
+    options.areas.fill(true);
   }
   return true;
 }
@@ -152,18 +82,48 @@ bool fetchDump(const DiffOptions &options, std::string &dump) {
   return true;
 }
 
+std::string enterNamespace(const MirrorVrf &vrf) {
+  // The default VRF's devices are the switch's own: without a namespace of its own it is compared where we started.
+  static const UniqueFd home(open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC));
+  if (vrf.netns.empty()) {
+    if (vrf.id != 0) {
+      return "no network namespace is set (netns)";
+    }
+    return setns(home.get(), CLONE_NEWNET) == 0 ? std::string() : systemError("cannot enter the own namespace");
+  }
+  const std::string path = vrf.netns.front() == '/' ? vrf.netns : "/run/netns/" + vrf.netns;
+  const UniqueFd ns(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  if (ns.get() < 0 || setns(ns.get(), CLONE_NEWNET) != 0) {
+    return systemError("cannot enter namespace " + path);
+  }
+  return {};
+}
+
+int trouble(const MirrorVrf &vrf, const std::string &error) {
+  std::fprintf(stderr, "orrinctl: vrf %u: %s\n", vrf.id, error.c_str());
+  return EXIT_TROUBLE;
+}
+
 int compareVrf(const MirrorVrf &vrf, DeviceNames &devices, const DiffOptions &options) {
-  std::vector<MirrorRoute> kernel;
-  if (const std::string error = readKernelRoutes(vrf, devices, kernel); !error.empty()) {
-    std::fprintf(stderr, "orrinctl: vrf %u: %s\n", vrf.id, error.c_str());
-    return EXIT_TROUBLE;
+  if (const std::string error = enterNamespace(vrf); !error.empty()) {
+    return trouble(vrf, error);
   }
-  const size_t differences = RouteComparison(vrf, devices, !options.summary).run(kernel);
-  if (options.summary) {
-    std::printf("vrf %u %s switch %zu wanted %zu kernel %zu different %zu\n", vrf.id, vrf.name.c_str(),
-                vrf.switchRoutes, vrf.expected.size(), kernel.size(), differences);
+  int status = EXIT_SAME;
+  for (size_t i = 0; i < AREAS.size(); ++i) {
+    if (!options.areas[i]) {
+      continue;
+    }
+    MirrorCounts counts;
+    if (const std::string error = AREAS[i].compare(vrf, devices, !options.summary, counts); !error.empty()) {
+      return trouble(vrf, error);
+    }
+    if (options.summary) {
+      std::printf("vrf %u %s %s switch %zu wanted %zu kernel %zu different %zu\n", vrf.id, vrf.name.c_str(),
+                  AREAS[i].name, counts.onSwitch, counts.wanted, counts.inKernel, counts.different);
+    }
+    status = counts.different != 0 ? EXIT_DIFFERENT : status;
   }
-  return differences == 0 ? EXIT_SAME : EXIT_DIFFERENT;
+  return status;
 }
 
 } // namespace
@@ -171,7 +131,7 @@ int compareVrf(const MirrorVrf &vrf, DeviceNames &devices, const DiffOptions &op
 int runDiff(int argc, char **argv) {
   DiffOptions options;
   if (!parseOptions({argv, static_cast<size_t>(argc)}, options)) {
-    std::fputs("usage: orrinctl diff [vrf <id>] [routes] [summary]\n", stderr);
+    std::fputs("usage: orrinctl diff [vrf <id>] [interfaces|routes]... [summary]\n", stderr);
     return EXIT_TROUBLE;
   }
   std::string dump;
@@ -179,7 +139,7 @@ int runDiff(int argc, char **argv) {
     return EXIT_TROUBLE;
   }
   DeviceNames devices;
-  std::vector<MirrorVrf> vrfs;
+  std::deque<MirrorVrf> vrfs;
   if (const std::string error = readDump(dump, devices, vrfs); !error.empty()) {
     std::fprintf(stderr, "orrinctl: the switch's dump: %s\n", error.c_str());
     return EXIT_TROUBLE;

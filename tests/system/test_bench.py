@@ -15,6 +15,7 @@ def test_all_three_are_measured():
 
 def test_a_missing_and_an_unexpected_change_are_failures():
     vrf = labnet.make_vrf(3, "blue", links=1)
+    labnet.dress(vrf, links=1)
     for first, expected, added, complaint in (("16.0.0.0/24", 2, 1, "changes are missing: 1 additions of 2"),
                                               ("17.0.0.0/24", 1, 2, "other changes than expected")):
         watcher = subprocess.Popen(labnet.in_netns(vrf.name, labnet.BIN / "route_watch", expected, 0, 1), text=True,

@@ -18,6 +18,7 @@ def test_once():
     done = subprocess.run([*LAB, "--once"], capture_output=True, text=True, timeout=55)
     assert done.returncode == 0, done.stdout + done.stderr
     assert "VRF 3 blue" in done.stdout and "VRF 7 red" in done.stdout
+    assert done.stdout.count("64 bytes from 172.16.2.1") == 2
     assert done.stdout.splitlines()[-1].startswith("both kernels mirror the switch")
 
 
@@ -25,7 +26,7 @@ def test_live_until_interrupted():
     before = processes()
     lab = labnet.Process("lab", LAB)
     lab.start()
-    until(lambda: "vrf 3 blue: switch" in lab.said(), 30, lambda: f"the lab shows its counts:\n{lab.said()}")
+    until(lambda: "vrf 3 blue routes: switch" in lab.said(), 30, lambda: f"the lab shows its counts:\n{lab.said()}")
     inside = [*LAB, "exec"]
     second = subprocess.run(LAB, capture_output=True, text=True, timeout=20)
     assert second.returncode != 0 and "already running" in second.stderr

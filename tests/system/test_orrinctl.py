@@ -17,7 +17,9 @@ keepalive period 30
 vrf add 3 blue interface blue netns blue
 vrf set 3 routing on
 interface add 301 vrf 3 name 1/3/1 device rt1
+interface enable 301
 interface add 302 vrf 3 name 1/3/2 device rt2
+interface enable 302
 interface add 303 vrf 3 name tunnel device none type 5
 """
 
@@ -138,6 +140,7 @@ KINDS = {
 
 def test_diff_of_every_kind_of_route():
     vrf = labnet.make_vrf(3, "blue")
+    labnet.dress(vrf)
     labnet.add_tunnel_devices(vrf)
     dump, kernel, expected = DUMP, [], ""
     for n, (on_switch, in_kernel, printed) in enumerate(KINDS.values()):
@@ -152,12 +155,53 @@ def test_diff_of_every_kind_of_route():
 
     with stand_in(lambda command: dump) as heard:
         found = orrinctl("diff", "vrf", 3, "routes")
-        everything = orrinctl("diff")
-        summary = orrinctl("diff", "summary")
-    assert heard == ["dump vrf 3", "dump", "dump"]
+        summary = orrinctl("diff", "summary", "routes")
+    assert heard == ["dump vrf 3", "dump"]
     assert (found.stdout, found.stderr, found.returncode) == (expected, "", 1)
-    assert everything.stdout == expected
-    assert summary.stdout.startswith("vrf 3 blue switch ") and summary.returncode == 1
+    assert summary.stdout.startswith("vrf 3 blue routes switch ") and summary.returncode == 1
+
+
+# Each: commands of the switch's dump, what is done to the kernel's device, what diff prints. The device starts as the agent
+# leaves it: up, a member of the group, with its address and the MTU that the switch holds. "#" stands for the interface.
+INTERFACES = [
+    (["enable #"], [], []),
+    (["enable #", "host-mode #"], ["nobody joins"], []),
+    (["enable #"], ["nobody joins"], ["- # membership of 224.0.0.2"]),
+    (["enable #"], ["link set rt1 down"], ["~ # switch up, kernel down"]),
+    ([], ["addr add 10.9.0.1/24 dev rt1 label rt1:9"],
+     ["~ # switch down, kernel up", "+ # address 10.1.0.1/24 label rt1", "+ # address 10.9.0.1/24 label rt1:9"]),
+    ([], ["addr flush dev rt1", "link set rt1 down"], []),
+    (["enable #"], ["link set rt1 mtu 1400 address 02:00:00:00:00:99"],
+     ["~ # mac switch 02:00:00:00:00:01, kernel 02:00:00:00:00:99", "~ # mtu switch 1500, kernel 1400"]),
+    (["secondary # add 10.8.0.1/16 index 4", "secondary # add 10.8.0.2/16 index 5", "vrrp # label 7 add 10.1.0.9 slot 31",
+      "enable #"], ["addr add 10.8.0.1/16 dev rt1 label rt1:4", "addr add 10.8.0.2/16 dev rt1 label rt1:6"],
+     ["- # address 10.1.0.9/32 label rt1:7_31", "- # address 10.8.0.2/16 label rt1:5",
+      "+ # address 10.8.0.2/16 label rt1:6"]),
+    (["enable #"], ["link del rt1"], ["- # no such device"]),
+]
+JOIN = ("import socket, signal; s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM); s.setsockopt(socket.IPPROTO_IP, "
+        "socket.IP_ADD_MEMBERSHIP, socket.inet_aton('224.0.0.2') + socket.inet_aton('10.1.0.1')); "
+        "print('joined', flush=True); signal.pause()")
+
+
+@pytest.mark.parametrize("case", INTERFACES)
+def test_diff_of_interfaces(case):
+    on_switch, in_kernel, printed = case
+    vrf = labnet.make_vrf(3, "blue", links=1)
+    labnet.dress(vrf, links=1)
+    if "nobody joins" not in in_kernel:
+        member = labnet.Process("member", labnet.in_netns(vrf.name, "/usr/bin/python3", "-c", JOIN))
+        member.start()
+        labnet.until(lambda: "joined" in member.said(), 10, "somebody has joined")
+    labnet.ip_batch(["link set rt1 address 02:00:00:00:00:01", *(each for each in in_kernel if each != "nobody joins")],
+                    ns=vrf.name)
+    dump = "vrf add 3 blue netns blue\nvrf set 3 routing on\ninterface add 301 vrf 3 name 1/3/1 device rt1\n" \
+        "interface set 301 mac 02:00:00:00:00:01 address 10.1.0.1/24 mtu 1500 bandwidth 1 unreachables 1 redirects 1\n"
+    dump += "".join(f"interface {each.replace('#', '301')}\n" for each in on_switch)
+    with stand_in(lambda command: dump):
+        found = orrinctl("diff", "interfaces")
+    assert found.stdout == "".join(line.replace("#", "vrf 3 interface 301 rt1") + "\n" for line in printed)
+    assert found.returncode == (1 if printed else 0)
 
 
 def test_diff_that_cannot_compare():
@@ -169,6 +213,6 @@ def test_diff_that_cannot_compare():
             done = orrinctl("diff")
         assert done.returncode == 2 and done.stdout == "" and why in done.stderr
     with stand_in(lambda command: DUMP.replace("netns blue", "netns /run/netns/blue")):
-        assert orrinctl("diff").returncode == 0
+        assert orrinctl("diff", "routes").returncode == 0
         assert orrinctl("diff", "vrf").returncode == 2
         assert orrinctl("diff", "vrf", "3x").returncode == 2

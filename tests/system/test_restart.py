@@ -76,8 +76,9 @@ def flags_by_device(monitor):
 def test_flush_flaps_only_router_links_that_are_up():
     system = labnet.start_system()
     blue, agent = system.vrfs[0], system.agents[0]
-    labnet.ip_batch(["link add other type bridge", "link set other up", "link set rt2 down", "link add mark type bridge"],
-                    ns=blue.name)
+    system.switch.ctl("interface", "disable", 302)
+    labnet.ip_batch(["link add other type bridge", "link set other up", "link add mark type bridge"], ns=blue.name)
+    until_mirrored(blue)
     agent.kill(signal.SIGKILL)
 
     monitor = labnet.Process("monitor", labnet.in_netns(blue.name, "stdbuf", "-oL", "ip", "-o", "monitor", "link"))

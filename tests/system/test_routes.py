@@ -117,9 +117,11 @@ def test_what_the_kernel_refuses_is_counted():
     """A gateway on a device that is not there: the rest of the batch is installed, and the operator can see the failure."""
     system = labnet.start_system(script=["interface add 399 vrf 3 name 1/3/99 device rt99"])
     blue = system.vrfs[0]
+    system.switch.ctl("interface", "enable", 399)
     system.switch.script_in([f"route add vrf 3 70.0.0.0/24 {VIA_1}", "route add vrf 3 70.0.1.0/24 via 10.1.0.2 interface 399",
                              f"route add vrf 3 70.0.2.0/24 {VIA_1}"])
     until(lambda: len(blue.mirrored()) == 2, 10, "the good routes are installed")
-    assert labnet.differences(blue) == "- vrf 3 route 70.0.1.0/24 via 10.1.0.2 dev rt99\n"
+    assert labnet.differences(blue) == \
+        "- vrf 3 interface 399 rt99 no such device\n- vrf 3 route 70.0.1.0/24 via 10.1.0.2 dev rt99\n"
     assert "Route Add Errors:          1 \n" in system.agents[0].sh("mirelStatsShow")
     assert subprocess.run(labnet.in_netns(blue.name, "ip", "link", "show", "rt99"), capture_output=True).returncode != 0

@@ -60,7 +60,7 @@ void notify(Switch &sw, Client &client) {
 void activate(Switch &sw, Client &client, UniqueFd pidFd) {
   client.registered = true;
   client.notified = false;
-  client.outbox.open(eventPath(client), client.id);
+  client.outbox.open(eventPath(client), Watched::CLIENT_SOCKET, client.id);
   client.pidFd = std::move(pidFd);
   if (client.pidFd) {
     sw.poller.watch(client.pidFd.get(), EPOLLIN, Watched::CLIENT_PROCESS, client.id);

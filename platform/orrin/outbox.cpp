@@ -1,4 +1,4 @@
-// Sending to one client's event socket without ever waiting for it.
+// Sending to one socket of an agent without ever waiting for it.
 
 #include "outbox.h"
 
@@ -23,8 +23,9 @@ void Outbox::close() {
 }
 
 bool Outbox::holds(uint16_t type) const {
-  return std::any_of(messages_.begin(), messages_.end(),
-                     [type](const RppiEventMsg &message) { return message.msgType == type; });
+  return std::any_of(messages_.begin(), messages_.end(), [type](const std::string &message) {
+    return message.compare(0, sizeof type, reinterpret_cast<const char *>(&type), sizeof type) == 0;
+  });
 }
 
 bool Outbox::connectSocket(Poller &poller) {
@@ -44,7 +45,7 @@ bool Outbox::connectSocket(Poller &poller) {
   if (connect(fd.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
     return false;
   }
-  if (!poller.watch(fd.get(), 0, Watched::CLIENT_SOCKET, client_)) {
+  if (!poller.watch(fd.get(), 0, kind_, number_)) {
     return false;
   }
   socket_ = std::move(fd);
@@ -54,7 +55,7 @@ bool Outbox::connectSocket(Poller &poller) {
 
 void Outbox::setWritableWatch(Poller &poller, bool wanted) {
   if (wanted != watched_) {
-    poller.change(socket_.get(), wanted ? uint32_t{EPOLLOUT} : 0, Watched::CLIENT_SOCKET, client_);
+    poller.change(socket_.get(), wanted ? uint32_t{EPOLLOUT} : 0, kind_, number_);
     watched_ = wanted;
   }
 }
@@ -65,8 +66,8 @@ void Outbox::flush(Poller &poller, uint64_t nowMs) {
       retryAtMs_ = nowMs + RETRY_MS;
       return;
     }
-    const RppiEventMsg &message = messages_.front();
-    const ssize_t sent = send(socket_.get(), &message, message.msgLen, MSG_DONTWAIT | MSG_NOSIGNAL);
+    const std::string &message = messages_.front();
+    const ssize_t sent = send(socket_.get(), message.data(), message.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
     if (sent >= 0) {
       messages_.pop_front();
       continue;

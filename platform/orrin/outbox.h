@@ -1,5 +1,5 @@
-// Messages on their way to one client's event socket, in order. What the socket does not take (full, or not bound yet)
-// stays here: a full one is waited for through the poller, a missing one is tried again after a while.
+// Messages on their way to one local datagram socket of an agent, in order. What the socket does not take (full, or not bound
+// yet) stays here: a full one is waited for through the poller, a missing one is tried again after a while.
 #pragma once
 
 #include "poller.h"
@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <deque>
 #include <string>
+#include <string_view>
 
 namespace orrin {
 
@@ -17,15 +18,19 @@ class Outbox {
 public:
   static constexpr uint64_t RETRY_MS = 100;
 
-  void open(std::string path, uint32_t client) {
+  // The poller's events of the socket are of this kind and number.
+  void open(std::string path, Watched kind, uint32_t number) {
     path_ = std::move(path);
-    client_ = client;
+    kind_ = kind;
+    number_ = number;
   }
   void close();
   void clear() { messages_.clear(); }
 
   // The caller flushes afterwards.
-  void add(const RppiEventMsg &message) { messages_.push_back(message); }
+  void add(std::string_view message) { messages_.emplace_back(message); }
+  void add(const RppiEventMsg &message) { add({reinterpret_cast<const char *>(&message), message.msgLen}); }
+  // Is there an event of the type among those that wait?
   bool holds(uint16_t type) const;
 
   void flush(Poller &poller, uint64_t nowMs);
@@ -45,10 +50,11 @@ private:
   void setWritableWatch(Poller &poller, bool wanted);
 
   std::string path_;
-  uint32_t client_ = 0;
+  Watched kind_ = Watched::CLIENT_SOCKET;
+  uint32_t number_ = 0;
   UniqueFd socket_;
   bool watched_ = false;
-  std::deque<RppiEventMsg> messages_;
+  std::deque<std::string> messages_;
   uint64_t retryAtMs_ = 0;
 };
 

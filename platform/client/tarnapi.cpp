@@ -54,6 +54,14 @@ int32_t textCall(Op op, const Args &args, const tarn_buffdesc *out) {
   return answer.result;
 }
 
+int32_t macCall(Op op, const Args &args, const tarn_buffdesc *mac) {
+  const Answer answer = call(op, args);
+  if (answer.result == TARN_OK) {
+    std::memcpy(mac->pstart, answer.tail.data(), std::min<size_t>(answer.tail.size(), mac->size));
+  }
+  return answer.result;
+}
+
 // A text that a caller gives: up to its NUL or its size.
 std::string_view givenText(const tarn_buffdesc *text) {
   return {text->pstart, strnlen(text->pstart, text->size)};
@@ -259,11 +267,7 @@ extern "C" int32_t rpcclt_tarnapiRtrIntfIpStackIfIndexGet(tarnapiClient *, uint3
 }
 
 extern "C" int32_t rpcclt_tarnapiRtrIntfL3MacAddressGet(tarnapiClient *, uint32_t intIfNum, const tarn_buffdesc *mac) {
-  const Answer answer = call(INTF_MAC_GET, {intIfNum});
-  if (answer.result == TARN_OK) {
-    std::memcpy(mac->pstart, answer.tail.data(), std::min<size_t>(answer.tail.size(), mac->size));
-  }
-  return answer.result;
+  return macCall(INTF_MAC_GET, {intIfNum}, mac);
 }
 
 extern "C" int32_t rpcclt_tarnapiRtrIntfIpAddrGet(tarnapiClient *, uint32_t family, uint32_t intIfNum,
@@ -306,6 +310,26 @@ extern "C" int32_t rpcclt_tarnapiRtrICMPUnreachablesModeGet(tarnapiClient *, uin
 
 extern "C" int32_t rpcclt_tarnapiRtrICMPRedirectsModeGet(tarnapiClient *, uint32_t intIfNum, uint32_t *mode) {
   return numberCall(ICMP_REDIRECTS_MODE_GET, {intIfNum}, mode);
+}
+
+// ARP
+
+extern "C" int32_t rpcclt_tarnapiKernelArpAdd(tarnapiClient *, uint32_t vrfId, const InetAddr *addr,
+                                              const tarn_buffdesc *mac, uint32_t ifIndex, uint32_t state) {
+  if (mac->size < MAC_BYTES) {
+    return TARN_INVALID;
+  }
+  return call(KERNEL_ARP_ADD, {vrfId, addr->family, addr->ipv4, ifIndex, state}, {mac->pstart, MAC_BYTES}).result;
+}
+
+extern "C" int32_t rpcclt_tarnapiKernelArpDelete(tarnapiClient *, uint32_t vrfId, const InetAddr *addr,
+                                                 uint32_t ifIndex) {
+  return plainCall(KERNEL_ARP_DELETE, {vrfId, addr->family, addr->ipv4, ifIndex});
+}
+
+extern "C" int32_t rpcclt_tarnapiArpResolve(tarnapiClient *, uint32_t vrfId, const InetAddr *addr,
+                                            const tarn_buffdesc *mac, uint32_t, uint32_t ifIndex, uint32_t flags) {
+  return macCall(ARP_RESOLVE, {vrfId, addr->family, addr->ipv4, ifIndex, flags}, mac);
 }
 
 // RTO
@@ -372,4 +396,8 @@ extern "C" int32_t rpcclt_tarnapiRouteTypeRegister(tarnapiClient *, uint32_t fam
     *routeType = answer.values[0];
   }
   return answer.result;
+}
+
+extern "C" int32_t rpcclt_tarnapiStackIfIndexIntIfNumGet(tarnapiClient *, uint32_t ifIndex, uint32_t *intIfNum) {
+  return numberCall(STACK_INDEX_INTERFACE_GET, {ifIndex}, intIfNum);
 }

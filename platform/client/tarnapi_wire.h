@@ -13,7 +13,7 @@ namespace tarnwire {
 inline constexpr const char *SOCKET_VARIABLE = "ORRIN_SOCKET";
 inline constexpr const char *DEFAULT_SOCKET = "/run/orrin/api";
 
-inline constexpr uint32_t PROTOCOL = 0x74617202; // changes with anything in this header or in published.h
+inline constexpr uint32_t PROTOCOL = 0x74617203; // changes with anything in this header or in published.h
 
 enum Op : uint32_t {
   SERVICE_CLIENT_REGISTER,
@@ -40,6 +40,10 @@ enum Op : uint32_t {
   INTF_BANDWIDTH_GET,
   ICMP_UNREACHABLES_MODE_GET,
   ICMP_REDIRECTS_MODE_GET,
+  KERNEL_ARP_ADD,
+  KERNEL_ARP_DELETE,
+  ARP_RESOLVE,
+  STACK_INDEX_INTERFACE_GET,
   BEST_ROUTE_REGISTER,
   BEST_ROUTE_DEREGISTER,
   BEST_ROUTE_CHANGE_NEXT_GET,
@@ -60,6 +64,7 @@ struct OpInfo {
 };
 
 inline constexpr uint32_t NAME_MAX_BYTES = 255; // a text in a request, without its NUL
+inline constexpr uint32_t MAC_BYTES = 6;
 
 // clang-format off
 inline constexpr std::array<OpInfo, OP_COUNT> OPS = {{
@@ -88,6 +93,10 @@ inline constexpr std::array<OpInfo, OP_COUNT> OPS = {{
     {INTF_BANDWIDTH_GET,         "rpcclt_tarnapiIntfBandwidthGet", 0, "family interface", "bandwidth"},
     {ICMP_UNREACHABLES_MODE_GET, "rpcclt_tarnapiRtrICMPUnreachablesModeGet", 0, "interface", "mode"},
     {ICMP_REDIRECTS_MODE_GET,    "rpcclt_tarnapiRtrICMPRedirectsModeGet", 0, "interface", "mode"},
+    {KERNEL_ARP_ADD,             "rpcclt_tarnapiKernelArpAdd", MAC_BYTES, "vrf family address index state; mac", ""},
+    {KERNEL_ARP_DELETE,          "rpcclt_tarnapiKernelArpDelete", 0, "vrf family address index", ""},
+    {ARP_RESOLVE,                "rpcclt_tarnapiArpResolve", 0, "vrf family address index flags", "; mac"},
+    {STACK_INDEX_INTERFACE_GET,  "rpcclt_tarnapiStackIfIndexIntIfNumGet", 0, "index", "interface"},
     {BEST_ROUTE_REGISTER,        "rpcclt_tarnapiBestRouteEventRegisterVr", NAME_MAX_BYTES, "vrf family pid; name", "client"},
     {BEST_ROUTE_DEREGISTER,      "rpcclt_tarnapiBestRouteEventDeregister", 0, "client", ""},
     {BEST_ROUTE_CHANGE_NEXT_GET, "rpcclt_tarnapiBestRouteChangeNextGetMult", 0,

@@ -24,8 +24,8 @@ const Command *findCommand(Words &words, std::string &out) {
   const std::string first(words.take());
   const std::string both = first + " " + std::string(words.peek());
   bool firstIsKnown = false;
-  for (const std::span<const Command> table :
-       {answerCommands(), switchCommands(), interfaceCommands(), routeCommands(), faultCommands(), clientCommands()}) {
+  for (const std::span<const Command> table : {answerCommands(), switchCommands(), interfaceCommands(), routeCommands(),
+                                               arpCommands(), reportedCommands(), faultCommands(), clientCommands()}) {
     for (const Command &command : table) {
       if (command.name == both) {
         words.take();
@@ -81,6 +81,28 @@ bool takeVrf(Switch &sw, Words &words, Vrf *&vrf, std::string &out) {
   }
   vrf = findVrf(sw, id);
   return vrf != nullptr || refuse(out, "there is no VRF " + std::to_string(id));
+}
+
+bool takeKnownVrf(Switch &sw, Words &words, Vrf *&vrf, std::string &out) {
+  return takeKeyword(words, "vrf", out) && takeVrf(sw, words, vrf, out);
+}
+
+bool takeAddress(Words &words, uint32_t &address, std::string &out) {
+  const std::string_view word = words.take();
+  return (parseAddress(word, address) && address != 0) || refuse(out, notTheWord(word, "an address"));
+}
+
+bool takeInterface(Switch &sw, Words &words, Interface *&interface, std::string &out) {
+  uint32_t number = 0;
+  if (!takeNumber(words, "interface", number, out)) {
+    return false;
+  }
+  interface = findInterface(sw, number);
+  return interface != nullptr || refuse(out, "there is no interface " + std::to_string(number));
+}
+
+bool onlyRestoring(const Switch &sw, std::string &out) {
+  return sw.restoring || refuse(out, "only the state folder says so");
 }
 
 bool takeVrfFilter(Switch &sw, Words &words, const Vrf *&only, std::string &out) {

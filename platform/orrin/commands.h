@@ -32,13 +32,15 @@ bool showCommand(Switch &sw, Words &words, std::string &out);
 bool dumpCommand(Switch &sw, Words &words, std::string &out);
 // The configuration as commands, of one VRF or of all (null).
 void appendConfig(Switch &sw, const Vrf *only, bool runs, std::string &out);
-// What the state folder keeps: the configuration and the registrations.
+// What the state folder keeps: the configuration, what agents reported, and the registrations.
 bool writeState(Switch &sw, std::string &error);
 
 // The tables of commands_*.cpp.
 std::span<const Command> switchCommands();
 std::span<const Command> interfaceCommands();
 std::span<const Command> routeCommands();
+std::span<const Command> arpCommands();
+std::span<const Command> reportedCommands();
 std::span<const Command> faultCommands();
 std::span<const Command> clientCommands();
 
@@ -50,6 +52,12 @@ bool takeEither(Words &words, std::string_view yes, std::string_view no, bool &v
 // "vrf <id>" if it is there, and nothing more; `only` is null without it.
 bool takeVrfFilter(Switch &sw, Words &words, const Vrf *&only, std::string &out);
 bool takeVrf(Switch &sw, Words &words, Vrf *&vrf, std::string &out);
+// "vrf <id>".
+bool takeKnownVrf(Switch &sw, Words &words, Vrf *&vrf, std::string &out);
+bool takeAddress(Words &words, uint32_t &address, std::string &out);
+bool takeInterface(Switch &sw, Words &words, Interface *&interface, std::string &out);
+// For commands that stand in the state folder only.
+bool onlyRestoring(const Switch &sw, std::string &out);
 bool takeName(Words &words, std::string_view what, size_t longest, std::string &name, std::string &out);
 
 } // namespace orrin

@@ -21,10 +21,6 @@ bool clientDrop(Switch &sw, Words &words, std::string &out) {
 
 // All below stand in the state folder only.
 
-bool onlyRestoring(const Switch &sw, std::string &out) {
-  return sw.restoring || refuse(out, "only the state folder registers clients");
-}
-
 bool restoreAs(Switch &sw, Words &words, ClientKind kind, std::string &out) {
   Client client;
   client.kind = kind;

@@ -2,6 +2,7 @@
 
 #include "commands.h"
 
+#include "arp.h"
 #include "interfaces.h"
 #include "router_events.h"
 #include "routes.h"
@@ -11,15 +12,6 @@
 namespace orrin {
 
 namespace {
-
-bool takeInterface(Switch &sw, Words &words, Interface *&interface, std::string &out) {
-  uint32_t number = 0;
-  if (!takeNumber(words, "interface", number, out)) {
-    return false;
-  }
-  interface = findInterface(sw, number);
-  return interface != nullptr || refuse(out, "there is no interface " + std::to_string(number));
-}
 
 bool takeInterfaceOptions(Words &words, Interface &interface, std::string &out) {
   while (!words.atEnd()) {
@@ -82,6 +74,7 @@ bool interfaceDel(Switch &sw, Words &words, std::string &out) {
     return refuse(out, std::to_string(routes) + " routes leave through interface " + std::to_string(number));
   }
   sendRouterEvent(sw, interface->vrf, routerEvent(TARNR_RTR_INTF_DELETE, number));
+  forgetNeighboursOn(sw, *interface);
   sw.page.interfaceGone(number);
   sw.interfaces.erase(number);
   return true;

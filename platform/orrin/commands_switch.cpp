@@ -2,6 +2,7 @@
 
 #include "commands.h"
 
+#include "arp.h"
 #include "clients.h"
 #include "interfaces.h"
 #include "restart_record.h"
@@ -42,6 +43,7 @@ bool vrfAdd(Switch &sw, Words &words, std::string &out) {
     return false;
   }
   sw.page.vrf(vrf);
+  openResolutions(vrf);
   sw.vrfs[vrf.id] = std::move(vrf);
   return true;
 }

@@ -1,5 +1,6 @@
 // The switch's configuration printed as commands: for `dump`, and for the state folder. Used by orrin's one thread.
 
+#include "arp.h"
 #include "clients.h"
 #include "commands.h"
 #include "router_events.h"
@@ -160,6 +161,7 @@ void appendConfig(Switch &sw, const Vrf *only, bool runs, std::string &out) {
   }
   for (const auto &[id, vrf] : sw.vrfs) {
     if (wanted(id)) {
+      appendLearned(vrf, out);
       appendRoutes(sw, vrf, runs, out);
     }
   }
@@ -177,6 +179,9 @@ bool dumpCommand(Switch &sw, Words &words, std::string &out) {
 bool writeState(Switch &sw, std::string &error) {
   std::string text;
   appendConfig(sw, nullptr, true, text);
+  for (const auto &[id, vrf] : sw.vrfs) {
+    appendReportedNeighbours(vrf, text);
+  }
   for (const auto &[id, client] : sw.clients) {
     appendClient(client, text);
     sw.page.beat();

@@ -2,6 +2,7 @@
 // sockets that can take more, ended processes, due times. Nothing in it waits for anybody else.
 
 #include "api_server.h"
+#include "arp.h"
 #include "clients.h"
 #include "commands.h"
 #include "control_server.h"
@@ -213,6 +214,9 @@ private:
     case Watched::CLIENT_PROCESS:
       dropClient(sw_, event.number);
       break;
+    case Watched::ARP_SOCKET:
+      serveArpSocket(event);
+      break;
     }
   }
 
@@ -225,6 +229,17 @@ private:
       entry->second.outbox.lost();
     }
     entry->second.outbox.flush(sw_.poller, nowMs());
+  }
+
+  void serveArpSocket(const Poller::Event &event) {
+    Vrf *vrf = findVrf(sw_, event.number);
+    if (vrf == nullptr) {
+      return;
+    }
+    if ((event.events & (EPOLLERR | EPOLLHUP)) != 0) {
+      vrf->resolutions.lost();
+    }
+    flushResolutions(sw_, *vrf);
   }
 
   Switch &sw_;

@@ -46,6 +46,8 @@ route add|modify vrf <id> <a.b.c.d>/<len> [options] {via <a.b.c.d> interface <n>
              via-vrf-device  rfc5549  mpls  flag8000; up to 48 next hops
 route del vrf <id> <a.b.c.d>/<len>
 routes add|modify|del vrf <id> <first-prefix>/<len> count <n> [options] {via <a.b.c.d> interface <n>}...
+arp learn vrf <id> <a.b.c.d> mac <m> interface <n>
+arp del vrf <id> <a.b.c.d>
 keepalive period <seconds>
 keepalive hold|release [vrf <id>]
 event timeout <seconds>
@@ -53,7 +55,7 @@ event send vrf <id> type <t> [interface <n>] [cfg <c>]
 fault set <call> [result <code>] [delay <ms>] [drop] [once|times <n>|always]
 fault clear [<call>]
 client drop <client-id>
-show vrfs|interfaces|routes|clients|events|faults|status [vrf <id>] [json]
+show vrfs|interfaces|routes|arp|clients|events|faults|status [vrf <id>] [json]
 dump [vrf <id>]
 )";
 

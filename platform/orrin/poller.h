@@ -16,7 +16,8 @@ enum class Watched : uint32_t {
   API_CONNECTION,
   CONTROL_CONNECTION,
   CLIENT_SOCKET,
-  CLIENT_PROCESS
+  CLIENT_PROCESS,
+  ARP_SOCKET
 };
 
 class Poller {

@@ -30,4 +30,10 @@ int32_t bandwidthGet(const Call &call);
 int32_t unreachablesModeGet(const Call &call);
 int32_t redirectsModeGet(const Call &call);
 
+// requests_arp.cpp
+int32_t kernelArpAdd(const Call &call);
+int32_t kernelArpDelete(const Call &call);
+int32_t arpResolve(const Call &call);
+int32_t stackIndexInterfaceGet(const Call &call);
+
 } // namespace orrin

@@ -31,8 +31,9 @@ const char *typeName(uint32_t type) {
 }
 
 void showVrfs(Switch &sw, const Wanted &wanted, std::string &out) {
-  static constexpr Column COLUMNS[] = {{"vrf", 10},   {"name", 16},       {"interface", 16}, {"routing", 7},
-                                       {"routes", 8}, {"interfaces", 10}, {"keepalive", 9},  {"netns", 0}};
+  static constexpr Column COLUMNS[] = {{"vrf", 10},         {"name", 16},  {"interface", 16},  {"routing", 7},
+                                       {"routes", 8},       {"arp", 6},    {"interfaces", 10}, {"keepalive", 9},
+                                       {"resolutions", 11}, {"unsent", 6}, {"lost", 6},        {"netns", 0}};
   Report report(out, wanted.json, COLUMNS);
   for (const auto &[id, vrf] : sw.vrfs) {
     if (!wanted.vrf(id)) {
@@ -46,8 +47,12 @@ void showVrfs(Switch &sw, const Wanted &wanted, std::string &out) {
     report.text(vrf.interfaceName);
     report.text(vrf.routing ? "on" : "off");
     report.number(vrf.routes.size());
+    report.number(vrf.arp.size());
     report.signedNumber(interfaces);
     report.text(sw.keepaliveHeld || vrf.keepaliveHeld ? "held" : "sent");
+    report.number(vrf.resolutionsMade - vrf.resolutionsLost - vrf.resolutions.size());
+    report.number(vrf.resolutions.size());
+    report.number(vrf.resolutionsLost);
     report.text(vrf.netns);
   }
   report.finish();
@@ -185,6 +190,47 @@ void showRoutes(Switch &sw, const Wanted &wanted, std::string &out) {
   report.finish();
 }
 
+// The kernel's name of a neighbour's state, as `ip neigh` has it.
+std::string neighbourState(uint32_t state) {
+  constexpr const char *NAMES[] = {"incomplete", "reachable", "stale", "delay",
+                                   "probe",      "failed",    "noarp", "permanent"};
+  for (uint32_t bit = 0; bit < std::size(NAMES); ++bit) {
+    if (state == 1u << bit) {
+      return NAMES[bit];
+    }
+  }
+  return std::to_string(state);
+}
+
+void showArp(Switch &sw, const Wanted &wanted, std::string &out) {
+  static constexpr Column COLUMNS[] = {{"vrf", 10},      {"address", 15}, {"mac", 17},     {"origin", 6},
+                                       {"interface", 9}, {"device", 15},  {"ifindex", 10}, {"state", 0}};
+  Report report(out, wanted.json, COLUMNS);
+  for (const auto &[id, vrf] : sw.vrfs) {
+    if (!wanted.vrf(id)) {
+      continue;
+    }
+    for (const auto &[address, entry] : vrf.arp) {
+      const Interface *interface = findInterface(sw, entry.interface);
+      const bool kernel = entry.origin == ArpEntry::KERNEL;
+      std::string text;
+      report.number(id);
+      appendAddress(text, address);
+      report.text(text);
+      text.clear();
+      appendMac(text, entry.mac);
+      report.text(text);
+      report.text(kernel ? "kernel" : "switch");
+      report.number(entry.interface);
+      report.text(interface == nullptr ? std::string_view() : std::string_view(interface->device));
+      report.number(entry.index);
+      report.text(kernel ? neighbourState(entry.state) : std::string());
+    }
+    sw.page.beat();
+  }
+  report.finish();
+}
+
 void showClients(Switch &sw, const Wanted &wanted, std::string &out) {
   static constexpr Column COLUMNS[] = {{"client", 6}, {"kind", 12},           {"vrf", 10},    {"name", 16},
                                        {"pid", 8},    {"state", 10},          {"waiting", 8}, {"in-flight", 9},
@@ -294,8 +340,8 @@ struct Subject {
 };
 
 constexpr Subject SUBJECTS[] = {
-    {"vrfs", showVrfs},     {"interfaces", showInterfaces}, {"routes", showRoutes}, {"clients", showClients},
-    {"faults", showFaults}, {"events", showEvents},         {"status", showStatus},
+    {"vrfs", showVrfs},       {"interfaces", showInterfaces}, {"routes", showRoutes}, {"arp", showArp},
+    {"clients", showClients}, {"faults", showFaults},         {"events", showEvents}, {"status", showStatus},
 };
 
 } // namespace
@@ -305,7 +351,7 @@ bool showCommand(Switch &sw, Words &words, std::string &out) {
   const auto subject =
       std::find_if(std::begin(SUBJECTS), std::end(SUBJECTS), [word](const Subject &each) { return each.word == word; });
   if (subject == std::end(SUBJECTS)) {
-    out = "show: vrfs, interfaces, routes, clients, events, faults or status";
+    out = "show: vrfs, interfaces, routes, arp, clients, events, faults or status";
     out += word.empty() ? "" : ", not \"" + std::string(word) + "\"";
     return false;
   }

@@ -1,5 +1,6 @@
 // The switch: everything that orrin holds. Plain records, all used by the one thread; the sources beside this one change
-// them: routes.cpp the route tables, interfaces.cpp the interfaces, clients.cpp the registrations, router_events.cpp the events.
+// them: routes.cpp the route tables, arp.cpp the ARP caches, interfaces.cpp the interfaces, clients.cpp the registrations,
+// router_events.cpp the events.
 #pragma once
 
 #include "attr_table.h"
@@ -53,7 +54,7 @@ struct Interface {
   std::string name;   // the switch's
   std::string device; // the kernel's
   uint32_t type = ORDINARY;
-  uint32_t index = 0; // the kernel's, in the default VRF
+  uint32_t index = 0; // the kernel's of the device, 0 = its namespace is asked
 
   Mac mac{};
   std::optional<InterfaceAddress> primary;
@@ -72,6 +73,17 @@ struct Interface {
   uint32_t ackTimeouts = 0; // pending events that not all clients acknowledged in time
 };
 
+// A neighbour. The subnets of a VRF do not overlap: an address has one entry.
+struct ArpEntry {
+  enum Origin : uint8_t { SWITCH, KERNEL };
+
+  Origin origin = SWITCH;
+  Mac mac{};
+  uint32_t interface = 0; // 0 = not known
+  uint32_t index = 0;     // KERNEL: of the device, as reported
+  uint32_t state = 0;     // KERNEL: NUD_*
+};
+
 struct Vrf {
   uint32_t id = 0;
   std::string name;
@@ -83,6 +95,10 @@ struct Vrf {
   uint32_t icmpEchoReply = 1;
   bool keepaliveHeld = false;
   RouteMap routes;
+  std::map<uint32_t, ArpEntry> arp; // by address
+  Outbox resolutions;               // for the agent
+  uint64_t resolutionsMade = 0;
+  uint64_t resolutionsLost = 0; // no agent was there, or it did not read
 };
 
 enum class ClientKind : uint8_t { BEST_ROUTE, ROUTER_EVENT };

@@ -1,0 +1,78 @@
+// Asking other namespaces. Used by orrin's one thread, which enters a namespace only to make a socket in it and is back before
+// anything else happens. Nothing is kept open: a namespace that is removed must be gone, and another may come under its name.
+
+#include "netns.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <net/if.h>
+#include <sched.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+
+namespace orrin {
+
+namespace {
+
+constexpr const char *OWN = "/proc/self/ns/net";
+constexpr const char *NAMED = "/run/netns/";
+
+// Empty when the VRF's namespace is not known. The default VRF's devices are the switch's own.
+std::string pathOf(const Vrf &vrf) {
+  if (vrf.netns.empty()) {
+    return vrf.id == 0 ? OWN : std::string();
+  }
+  return vrf.netns.front() == '/' ? vrf.netns : NAMED + vrf.netns;
+}
+
+UniqueFd openNamespace(const std::string &path) {
+  return path.empty() ? UniqueFd() : UniqueFd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+}
+
+UniqueFd socketIn(const Vrf &vrf) {
+  static const UniqueFd home = openNamespace(OWN);
+  const UniqueFd there = openNamespace(pathOf(vrf));
+  if (!there || !home || setns(there.get(), CLONE_NEWNET) != 0) {
+    return {};
+  }
+  UniqueFd made(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  if (setns(home.get(), CLONE_NEWNET) != 0) {
+    std::abort(); // everything else would happen in the wrong place
+  }
+  return made;
+}
+
+} // namespace
+
+uint32_t deviceIndexIn(const Vrf &vrf, const std::string &device) {
+  ifreq request{};
+  const UniqueFd fd = device.size() < sizeof request.ifr_name ? socketIn(vrf) : UniqueFd();
+  if (!fd) {
+    return 0;
+  }
+  std::memcpy(request.ifr_name, device.data(), device.size());
+  return ioctl(fd.get(), SIOCGIFINDEX, &request) == 0 ? static_cast<uint32_t>(request.ifr_ifindex) : 0;
+}
+
+std::string deviceNameIn(const Vrf &vrf, uint32_t index) {
+  ifreq request{};
+  const UniqueFd fd = socketIn(vrf);
+  request.ifr_ifindex = static_cast<int>(index);
+  if (!fd || ioctl(fd.get(), SIOCGIFNAME, &request) != 0) {
+    return {};
+  }
+  return {request.ifr_name, strnlen(request.ifr_name, sizeof request.ifr_name)};
+}
+
+bool processIsIn(const Vrf &vrf, uint32_t process) {
+  const std::string path = pathOf(vrf);
+  struct stat one {};
+  struct stat other {};
+  return !path.empty() && stat(path.c_str(), &one) == 0 &&
+         stat(("/proc/" + std::to_string(process) + "/ns/net").c_str(), &other) == 0 && one.st_dev == other.st_dev &&
+         one.st_ino == other.st_ino;
+}
+
+} // namespace orrin

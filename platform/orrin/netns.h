@@ -1,0 +1,19 @@
+// What the kernel of a VRF's network namespace says about its devices.
+#pragma once
+
+#include "switch.h"
+
+#include <cstdint>
+#include <string>
+
+namespace orrin {
+
+// The kernel's index of the device in the VRF's namespace, 0 when it is not known.
+uint32_t deviceIndexIn(const Vrf &vrf, const std::string &device);
+// The device with that index, empty when there is none.
+std::string deviceNameIn(const Vrf &vrf, uint32_t index);
+
+// Is this the namespace that the process runs in?
+bool processIsIn(const Vrf &vrf, uint32_t process);
+
+} // namespace orrin

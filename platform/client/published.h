@@ -19,6 +19,7 @@ inline constexpr uint32_t PUBLISHED_VRFS = 1024;       // ids below; others are 
 inline constexpr uint32_t PUBLISHED_INTERFACES = 4096; // numbers below
 inline constexpr uint32_t PUBLISHED_NAME_BYTES = 64;   // with the NUL
 inline constexpr uint64_t HEARTBEAT_LIMIT_MS = 1000;
+inline constexpr uint64_t GATEWAY_SET = uint64_t{1} << 32;
 
 using PublishedName = std::array<std::atomic<uint64_t>, PUBLISHED_NAME_BYTES / sizeof(uint64_t)>;
 
@@ -40,6 +41,8 @@ struct PublishedInterface {
 struct Published {
   std::atomic<uint64_t> heartbeatMs; // CLOCK_MONOTONIC
   std::atomic<uint32_t> systemReady;
+  std::atomic<uint64_t> servicePortGateway; // GATEWAY_SET and the address, or 0
+  std::atomic<uint64_t> networkPortGateway;
   std::array<std::atomic<uint32_t>, OP_COUNT> askFor; // non-zero: the call goes to orrin
   std::array<PublishedVrf, PUBLISHED_VRFS> vrfs;
   std::array<PublishedInterface, PUBLISHED_INTERFACES> interfaces;

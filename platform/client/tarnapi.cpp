@@ -112,6 +112,30 @@ struct TwoTexts {
   std::string_view view() const { return {bytes, both}; }
 };
 
+InetAddr ipv4Address(uint32_t address) {
+  InetAddr addr{};
+  addr.family = TARN_FAMILY_IPV4;
+  addr.ipv4 = address;
+  return addr;
+}
+
+// A gateway of the switch's own, or, published as 0, none.
+int32_t gatewayCall(Op op, const std::atomic<uint64_t> Published::*field, InetAddr *addr) {
+  uint32_t address = 0;
+  int32_t result = TARN_OK;
+  if (const Published *page = publishedFor(op)) {
+    const uint64_t gateway = (page->*field).load(std::memory_order_acquire);
+    address = static_cast<uint32_t>(gateway);
+    result = gateway == 0 ? TARN_NOT_FOUND : TARN_OK;
+  } else {
+    result = numberCall(op, {}, &address);
+  }
+  if (result == TARN_OK) {
+    *addr = ipv4Address(address);
+  }
+  return result;
+}
+
 // The records of a descriptor, at most `count`.
 std::span<BestRouteRecord> recordsOf(const tarn_buffdesc *records, uint32_t count) {
   const size_t room = records->size / sizeof(BestRouteRecord);
@@ -274,10 +298,7 @@ extern "C" int32_t rpcclt_tarnapiRtrIntfIpAddrGet(tarnapiClient *, uint32_t fami
                                                   InetPrefix *prefix) {
   const Answer answer = call(INTF_ADDR_GET, {family, intIfNum});
   if (answer.result == TARN_OK) {
-    *prefix = InetPrefix{};
-    prefix->addr.family = TARN_FAMILY_IPV4;
-    prefix->addr.ipv4 = answer.values[0];
-    prefix->prefixLen = answer.values[1];
+    *prefix = {ipv4Address(answer.values[0]), answer.values[1]};
   }
   return answer.result;
 }
@@ -286,10 +307,7 @@ extern "C" int32_t rpcclt_tarnapiRtrIntfSecIpAddrGet(tarnapiClient *, uint32_t f
                                                      InetPrefix *prefix, uint32_t *index) {
   const Answer answer = call(INTF_SEC_ADDR_GET, {family, intIfNum, prefix->addr.ipv4, prefix->prefixLen});
   if (answer.result == TARN_OK) {
-    *prefix = InetPrefix{};
-    prefix->addr.family = TARN_FAMILY_IPV4;
-    prefix->addr.ipv4 = answer.values[0];
-    prefix->prefixLen = answer.values[1];
+    *prefix = {ipv4Address(answer.values[0]), answer.values[1]};
     *index = answer.values[2];
   }
   return answer.result;
@@ -313,6 +331,14 @@ extern "C" int32_t rpcclt_tarnapiRtrICMPRedirectsModeGet(tarnapiClient *, uint32
 }
 
 // ARP
+
+extern "C" int32_t rpcclt_tarnapiServicePortGatewayIPv4AddrGet(tarnapiClient *, InetAddr *addr) {
+  return gatewayCall(SERVICE_PORT_GATEWAY_GET, &Published::servicePortGateway, addr);
+}
+
+extern "C" int32_t rpcclt_tarnapiNetworkPortGatewayIPv4AddrGet(tarnapiClient *, InetAddr *addr) {
+  return gatewayCall(NETWORK_PORT_GATEWAY_GET, &Published::networkPortGateway, addr);
+}
 
 extern "C" int32_t rpcclt_tarnapiKernelArpAdd(tarnapiClient *, uint32_t vrfId, const InetAddr *addr,
                                               const tarn_buffdesc *mac, uint32_t ifIndex, uint32_t state) {

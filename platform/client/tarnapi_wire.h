@@ -13,7 +13,7 @@ namespace tarnwire {
 inline constexpr const char *SOCKET_VARIABLE = "ORRIN_SOCKET";
 inline constexpr const char *DEFAULT_SOCKET = "/run/orrin/api";
 
-inline constexpr uint32_t PROTOCOL = 0x74617203; // changes with anything in this header or in published.h
+inline constexpr uint32_t PROTOCOL = 0x74617204; // changes with anything in this header or in published.h
 
 enum Op : uint32_t {
   SERVICE_CLIENT_REGISTER,
@@ -40,6 +40,8 @@ enum Op : uint32_t {
   INTF_BANDWIDTH_GET,
   ICMP_UNREACHABLES_MODE_GET,
   ICMP_REDIRECTS_MODE_GET,
+  SERVICE_PORT_GATEWAY_GET,
+  NETWORK_PORT_GATEWAY_GET,
   KERNEL_ARP_ADD,
   KERNEL_ARP_DELETE,
   ARP_RESOLVE,
@@ -93,6 +95,8 @@ inline constexpr std::array<OpInfo, OP_COUNT> OPS = {{
     {INTF_BANDWIDTH_GET,         "rpcclt_tarnapiIntfBandwidthGet", 0, "family interface", "bandwidth"},
     {ICMP_UNREACHABLES_MODE_GET, "rpcclt_tarnapiRtrICMPUnreachablesModeGet", 0, "interface", "mode"},
     {ICMP_REDIRECTS_MODE_GET,    "rpcclt_tarnapiRtrICMPRedirectsModeGet", 0, "interface", "mode"},
+    {SERVICE_PORT_GATEWAY_GET,   "rpcclt_tarnapiServicePortGatewayIPv4AddrGet", 0, "", "address"},
+    {NETWORK_PORT_GATEWAY_GET,   "rpcclt_tarnapiNetworkPortGatewayIPv4AddrGet", 0, "", "address"},
     {KERNEL_ARP_ADD,             "rpcclt_tarnapiKernelArpAdd", MAC_BYTES, "vrf family address index state; mac", ""},
     {KERNEL_ARP_DELETE,          "rpcclt_tarnapiKernelArpDelete", 0, "vrf family address index", ""},
     {ARP_RESOLVE,                "rpcclt_tarnapiArpResolve", 0, "vrf family address index flags", "; mac"},

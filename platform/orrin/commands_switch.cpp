@@ -134,6 +134,23 @@ bool systemReady(Switch &sw, Words &words, std::string &out) {
   return true;
 }
 
+bool gateway(Switch &sw, Words &words, std::string &out) {
+  bool service = false;
+  std::optional<uint32_t> address;
+  if (!takeEither(words, "service-port", "network-port", service, out)) {
+    return false;
+  }
+  if (!words.takeIf("none") && !takeAddress(words, address.emplace(), out)) {
+    return false;
+  }
+  if (!takeEnd(words, out)) {
+    return false;
+  }
+  (service ? sw.gateways.servicePort : sw.gateways.networkPort) = address;
+  sw.page.gateways(sw.gateways);
+  return true;
+}
+
 // keepalive ...
 
 bool keepalivePeriod(Switch &sw, Words &words, std::string &out) {
@@ -203,6 +220,7 @@ constexpr Command COMMANDS[] = {
     {"vrf del", vrfDel, true},
     {"vrf set", vrfSet, true},
     {"system", systemReady, true},
+    {"gateway", gateway, true},
     {"keepalive period", keepalivePeriod, true},
     {"event send", eventSend, false},
     {"event timeout", eventTimeout, true},

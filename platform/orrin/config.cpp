@@ -12,6 +12,13 @@ namespace orrin {
 
 namespace {
 
+void appendGateway(std::string_view port, const std::optional<uint32_t> &address, std::string &out) {
+  if (address) {
+    appendAddress(out.append("gateway ").append(port).append(1, ' '), *address);
+    out += '\n';
+  }
+}
+
 bool hasInterfaceNotDown(const Switch &sw, const Vrf &vrf) {
   return std::ranges::any_of(sw.interfaces, [&vrf](const auto &entry) {
     return entry.second.vrf == vrf.id && entry.second.state != Interface::DOWN;
@@ -138,6 +145,8 @@ void appendConfig(Switch &sw, const Vrf *only, bool runs, std::string &out) {
     if (!sw.systemReady) {
       out += "system not-ready\n";
     }
+    appendGateway("service-port", sw.gateways.servicePort, out);
+    appendGateway("network-port", sw.gateways.networkPort, out);
     appendNumber(out += "keepalive period ", sw.keepalivePeriod);
     appendNumber(out += "\nevent timeout ", sw.ackTimeout);
     out += '\n';

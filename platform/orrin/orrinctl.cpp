@@ -32,6 +32,7 @@ vrf set <id> routing on|off
 vrf set <id> icmp-ratelimit <burst> <interval>
 vrf set <id> icmp-echo-reply <mode>
 system ready|not-ready
+gateway service-port|network-port <a.b.c.d>|none
 interface add <n> vrf <id> name <switch-name> device <kernel-device> [type <t>] [index <kernel-index>]
 interface del <n>
 interface set <n> <setting>...

@@ -49,6 +49,16 @@ void Publisher::systemReady(bool ready) {
   }
 }
 
+void Publisher::gateways(const Gateways &gateways) {
+  const auto packed = [](const std::optional<uint32_t> &address) {
+    return address ? tarnwire::GATEWAY_SET | *address : uint64_t{0};
+  };
+  if (page_ != nullptr) {
+    page_->servicePortGateway.store(packed(gateways.servicePort), std::memory_order_release);
+    page_->networkPortGateway.store(packed(gateways.networkPort), std::memory_order_release);
+  }
+}
+
 void Publisher::fault(tarnwire::Op op, bool set) {
   if (page_ != nullptr) {
     page_->askFor[op].store(set ? 1 : 0, std::memory_order_release);

@@ -12,6 +12,7 @@ namespace orrin {
 
 struct Vrf;
 struct Interface;
+struct Gateways;
 
 class Publisher {
 public:
@@ -26,6 +27,7 @@ public:
 
   void beat();
   void systemReady(bool ready);
+  void gateways(const Gateways &gateways);
   void fault(tarnwire::Op op, bool set);
   void vrf(const Vrf &vrf);
   void vrfGone(uint32_t id);

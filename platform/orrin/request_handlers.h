@@ -31,6 +31,8 @@ int32_t unreachablesModeGet(const Call &call);
 int32_t redirectsModeGet(const Call &call);
 
 // requests_arp.cpp
+int32_t servicePortGatewayGet(const Call &call);
+int32_t networkPortGatewayGet(const Call &call);
 int32_t kernelArpAdd(const Call &call);
 int32_t kernelArpDelete(const Call &call);
 int32_t arpResolve(const Call &call);

@@ -244,6 +244,8 @@ constexpr HandlerRow HANDLERS[] = {
     {tarnwire::INTF_BANDWIDTH_GET, bandwidthGet},
     {tarnwire::ICMP_UNREACHABLES_MODE_GET, unreachablesModeGet},
     {tarnwire::ICMP_REDIRECTS_MODE_GET, redirectsModeGet},
+    {tarnwire::SERVICE_PORT_GATEWAY_GET, servicePortGatewayGet},
+    {tarnwire::NETWORK_PORT_GATEWAY_GET, networkPortGatewayGet},
     {tarnwire::KERNEL_ARP_ADD, kernelArpAdd},
     {tarnwire::KERNEL_ARP_DELETE, kernelArpDelete},
     {tarnwire::ARP_RESOLVE, arpResolve},

@@ -38,7 +38,23 @@ const Vrf *vrfOfCaller(const Call &call) {
   return nullptr;
 }
 
+int32_t gatewayGet(const Call &call, const std::optional<uint32_t> &address) {
+  if (!address) {
+    return TARN_NOT_FOUND;
+  }
+  call.value(0, *address);
+  return TARN_OK;
+}
+
 } // namespace
+
+int32_t servicePortGatewayGet(const Call &call) {
+  return gatewayGet(call, call.sw.gateways.servicePort);
+}
+
+int32_t networkPortGatewayGet(const Call &call) {
+  return gatewayGet(call, call.sw.gateways.networkPort);
+}
 
 int32_t kernelArpAdd(const Call &call) {
   Vrf *vrf = nullptr;

@@ -315,6 +315,14 @@ private:
   bool first_ = true;
 };
 
+std::string addressText(const std::optional<uint32_t> &address) {
+  std::string text;
+  if (address) {
+    appendAddress(text, *address);
+  }
+  return text;
+}
+
 void showStatus(Switch &sw, const Wanted &wanted, std::string &out) {
   size_t routes = 0;
   for (const auto &[id, vrf] : sw.vrfs) {
@@ -322,6 +330,8 @@ void showStatus(Switch &sw, const Wanted &wanted, std::string &out) {
   }
   StatusLines lines(out, wanted.json);
   lines.text("system", sw.systemReady ? "ready" : "not-ready");
+  lines.text("service-gateway", addressText(sw.gateways.servicePort));
+  lines.text("network-gateway", addressText(sw.gateways.networkPort));
   lines.number("routes", routes);
   lines.number("interfaces", sw.interfaces.size());
   lines.number("keepalive-period", sw.keepalivePeriod);

@@ -142,6 +142,12 @@ struct AckWait {
   uint32_t sequence = 0;
 };
 
+// Of the switch's own ports; the agents leave these neighbours alone.
+struct Gateways {
+  std::optional<uint32_t> servicePort;
+  std::optional<uint32_t> networkPort;
+};
+
 struct Switch {
   std::map<uint32_t, Vrf> vrfs;
   std::map<uint32_t, Interface> interfaces;
@@ -154,6 +160,7 @@ struct Switch {
   std::deque<AckWait> ackWaits; // by due time
   uint32_t ackTimeout = 30;     // seconds
   bool systemReady = true;
+  Gateways gateways;
   uint32_t keepalivePeriod = 30; // seconds
   uint64_t keepaliveDueMs = 0;
   bool keepaliveHeld = false;

@@ -214,6 +214,28 @@ TEST_F(SwitchArp, AnOrrinStartedAnewKnowsBothKinds) {
   EXPECT_EQ(orrin.run("show arp json").find("10.1.0.9"), std::string::npos) << "they go with their interface";
 }
 
+TEST_F(SwitchArp, GatewaysOfThePortsAreWhatTheOperatorSays) {
+  const auto ask = [this](auto call) {
+    InetAddr addr = inet(7);
+    const int32_t result = call(client, &addr);
+    return result == TARN_OK && addr.family == 1 ? std::to_string(addr.ipv4) : "error " + std::to_string(addr.ipv4);
+  };
+  const auto service = [&] { return ask(rpcclt_tarnapiServicePortGatewayIPv4AddrGet); };
+  const auto network = [&] { return ask(rpcclt_tarnapiNetworkPortGatewayIPv4AddrGet); };
+  EXPECT_EQ(service(), "error 7") << "there is none";
+  orrin.run("gateway service-port 0.0.1.1");
+  orrin.run("gateway network-port 0.0.1.2");
+  EXPECT_EQ(service() + " " + network(), "257 258");
+  orrin.run("fault set ServicePortGatewayIPv4AddrGet result -26");
+  EXPECT_EQ(service() + " " + network(), "error 7 258") << "although it is published";
+  orrin.end(SIGKILL);
+  EXPECT_TRUE(within(50, [&] { return network() == "error 7"; })) << "an orrin that is gone publishes nothing";
+  orrin.start();
+  EXPECT_EQ(service() + " " + network(), "257 258");
+  orrin.run("gateway service-port none");
+  EXPECT_EQ(service() + " " + network(), "error 7 258");
+}
+
 TEST_F(SwitchArp, AKernelIndexBelongsToTheCallersVrf) {
   uint32_t number = 7;
   EXPECT_EQ(rpcclt_tarnapiStackIfIndexIntIfNumGet(client, 1, &number), TARN_NOT_FOUND);

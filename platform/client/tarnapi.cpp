@@ -136,6 +136,41 @@ int32_t gatewayCall(Op op, const std::atomic<uint64_t> Published::*field, InetAd
   return result;
 }
 
+// A kernel route and its next hops behind one request.
+struct Report {
+  char bytes[REPORT_MAX_BYTES];
+  uint32_t size = 0;
+
+  bool set(const RtoRouteRecord &route, const tarn_buffdesc &nextHops) {
+    const size_t hops = nextHops.size / sizeof(NextHopRecord);
+    if (nextHops.size % sizeof(NextHopRecord) != 0 || hops > REPORTED_HOPS_MAX || hops != route.numNextHops) {
+      return false;
+    }
+    ReportedRoute head{
+        route.prefix.family, {}, route.routeProto, route.metric, route.prefixLen, route.routeType, route.rejectRoute,
+        route.discardRoute};
+    std::memcpy(head.prefix, route.prefix.ipv6, sizeof head.prefix);
+    add(head);
+    for (size_t index = 0; index < hops; ++index) {
+      NextHopRecord record;
+      std::memcpy(&record, nextHops.pstart + index * sizeof record, sizeof record);
+      ReportedHop hop{record.addr.family, {}, record.intIfNum};
+      std::memcpy(hop.address, record.addr.ipv6, sizeof hop.address);
+      add(hop);
+    }
+    return true;
+  }
+  template <class Record> void add(const Record &record) {
+    std::memcpy(bytes + size, &record, sizeof record);
+    size += sizeof record;
+  }
+};
+
+int32_t reportCall(Op op, uint32_t vrfId, const RtoRouteRecord *route, const tarn_buffdesc *nextHops) {
+  Report report;
+  return report.set(*route, *nextHops) ? call(op, {vrfId}, {report.bytes, report.size}).result : int32_t{TARN_INVALID};
+}
+
 // The records of a descriptor, at most `count`.
 std::span<BestRouteRecord> recordsOf(const tarn_buffdesc *records, uint32_t count) {
   const size_t room = records->size / sizeof(BestRouteRecord);
@@ -426,4 +461,14 @@ extern "C" int32_t rpcclt_tarnapiRouteTypeRegister(tarnapiClient *, uint32_t fam
 
 extern "C" int32_t rpcclt_tarnapiStackIfIndexIntIfNumGet(tarnapiClient *, uint32_t ifIndex, uint32_t *intIfNum) {
   return numberCall(STACK_INDEX_INTERFACE_GET, {ifIndex}, intIfNum);
+}
+
+extern "C" int32_t rpcclt_tarnapiKernelRouteAddVr(tarnapiClient *, uint32_t vrfId, const RtoRouteRecord *route,
+                                                  const tarn_buffdesc *nextHops) {
+  return reportCall(KERNEL_ROUTE_ADD, vrfId, route, nextHops);
+}
+
+extern "C" int32_t rpcclt_tarnapiKernelRouteDelVr(tarnapiClient *, uint32_t vrfId, const RtoRouteRecord *route,
+                                                  const tarn_buffdesc *nextHops) {
+  return reportCall(KERNEL_ROUTE_DELETE, vrfId, route, nextHops);
 }

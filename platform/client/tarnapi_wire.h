@@ -13,7 +13,7 @@ namespace tarnwire {
 inline constexpr const char *SOCKET_VARIABLE = "ORRIN_SOCKET";
 inline constexpr const char *DEFAULT_SOCKET = "/run/orrin/api";
 
-inline constexpr uint32_t PROTOCOL = 0x74617204; // changes with anything in this header or in published.h
+inline constexpr uint32_t PROTOCOL = 0x74617205; // changes with anything in this header or in published.h
 
 enum Op : uint32_t {
   SERVICE_CLIENT_REGISTER,
@@ -52,6 +52,8 @@ enum Op : uint32_t {
   INTF_BEST_ROUTES_NEXT_GET,
   ROUTING_PROTOCOL_REGISTER,
   ROUTE_TYPE_REGISTER,
+  KERNEL_ROUTE_ADD,
+  KERNEL_ROUTE_DELETE,
   OP_COUNT
 };
 
@@ -67,6 +69,30 @@ struct OpInfo {
 
 inline constexpr uint32_t NAME_MAX_BYTES = 255; // a text in a request, without its NUL
 inline constexpr uint32_t MAC_BYTES = 6;
+
+// A kernel route behind a request: this, then its next hops. Addresses as in InetAddr, IPv4 in host byte order.
+struct ReportedRoute {
+  uint32_t family;
+  uint8_t prefix[16];
+  uint32_t proto;
+  uint32_t metric;
+  uint8_t length;
+  uint8_t type; // as BestRouteRecord::routeType
+  uint8_t reject;
+  uint8_t discard;
+};
+
+struct ReportedHop {
+  uint32_t family;
+  uint8_t address[16];
+  uint32_t interface;
+};
+
+inline constexpr size_t REPORTED_HOPS_MAX = 16;
+inline constexpr uint32_t REPORT_MAX_BYTES = sizeof(ReportedRoute) + REPORTED_HOPS_MAX * sizeof(ReportedHop);
+
+static_assert(sizeof(ReportedRoute) == 32 && std::is_trivially_copyable_v<ReportedRoute>);
+static_assert(sizeof(ReportedHop) == 24 && std::is_trivially_copyable_v<ReportedHop>);
 
 // clang-format off
 inline constexpr std::array<OpInfo, OP_COUNT> OPS = {{
@@ -111,6 +137,8 @@ inline constexpr std::array<OpInfo, OP_COUNT> OPS = {{
                                  "vrf family protocol name-length; name code", "protocol"},
     {ROUTE_TYPE_REGISTER,        "rpcclt_tarnapiRouteTypeRegister", 2 * NAME_MAX_BYTES,
                                  "family protocol name-length; name code", "type"},
+    {KERNEL_ROUTE_ADD,           "rpcclt_tarnapiKernelRouteAddVr", REPORT_MAX_BYTES, "vrf; route", ""},
+    {KERNEL_ROUTE_DELETE,        "rpcclt_tarnapiKernelRouteDelVr", REPORT_MAX_BYTES, "vrf; route", ""},
 }};
 // clang-format on
 
@@ -123,6 +151,14 @@ constexpr bool opsInOrder() {
   return true;
 }
 static_assert(opsInOrder());
+
+constexpr uint32_t longestTail() {
+  uint32_t longest = 0;
+  for (const OpInfo &info : OPS) {
+    longest = info.tailMax > longest ? info.tailMax : longest;
+  }
+  return longest;
+}
 
 struct Hello {
   uint32_t protocol;
@@ -141,7 +177,7 @@ struct Reply {
   std::array<uint32_t, 6> values;
 };
 
-inline constexpr size_t REQUEST_MAX = sizeof(Request) + 2 * NAME_MAX_BYTES;
+inline constexpr size_t REQUEST_MAX = sizeof(Request) + longestTail();
 inline constexpr size_t REPLY_MAX = 65536;
 
 // Routes behind a reply, one after the other: RouteKey, then, unless the change is a delete, RouteBody and its next hops.
@@ -160,6 +196,7 @@ enum RouteFlag : uint16_t {
   ROUTE_MPLS = 16,
   ROUTE_FLAG8000 = 32,
   ROUTE_INSTALL_KERNEL = 64,
+  ROUTE_REPORTED = 128, // orrin's own mark: what it is told back says nothing about it
 };
 
 enum RouteChange : uint8_t { ROUTE_ADD = 0, ROUTE_DELETE = 1, ROUTE_MODIFY = 2 };

@@ -23,6 +23,7 @@ constexpr FlagField FLAG_FIELDS[] = {
     {tarnwire::ROUTE_MPLS, &RouteAttrs::mpls},
     {tarnwire::ROUTE_FLAG8000, &RouteAttrs::flag8000},
     {tarnwire::ROUTE_INSTALL_KERNEL, &RouteAttrs::installKernel},
+    {tarnwire::ROUTE_REPORTED, &RouteAttrs::reported},
 };
 
 tarnwire::RouteBody readBody(std::string_view body) {
@@ -96,6 +97,10 @@ void AttrTable::release(AttrId id) {
 
 uint8_t AttrTable::type(AttrId id) const {
   return readBody(body(id)).type;
+}
+
+bool AttrTable::reported(AttrId id) const {
+  return (readBody(body(id)).flags & tarnwire::ROUTE_REPORTED) != 0;
 }
 
 bool AttrTable::mentions(AttrId id, uint32_t interface) const {

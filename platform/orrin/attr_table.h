@@ -26,6 +26,7 @@ public:
 
   std::string_view body(AttrId id) const { return *slots_[id].body; }
   uint8_t type(AttrId id) const;
+  bool reported(AttrId id) const;
   bool mentions(AttrId id, uint32_t interface) const;
   size_t slots() const { return slots_.size(); }
   size_t references(AttrId id) const { return slots_[id].references; }

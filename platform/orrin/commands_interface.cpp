@@ -4,6 +4,7 @@
 
 #include "arp.h"
 #include "interfaces.h"
+#include "kernel_routes.h"
 #include "router_events.h"
 #include "routes.h"
 
@@ -75,6 +76,7 @@ bool interfaceDel(Switch &sw, Words &words, std::string &out) {
   }
   sendRouterEvent(sw, interface->vrf, routerEvent(TARNR_RTR_INTF_DELETE, number));
   forgetNeighboursOn(sw, *interface);
+  dropKernelRoutes(sw, *interface);
   sw.page.interfaceGone(number);
   sw.interfaces.erase(number);
   return true;

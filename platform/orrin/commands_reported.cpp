@@ -3,6 +3,7 @@
 #include "commands.h"
 
 #include "arp.h"
+#include "kernel_routes.h"
 
 namespace orrin {
 
@@ -40,9 +41,35 @@ bool reportedArpGone(Switch &sw, Words &words, std::string &out) {
   return true;
 }
 
+bool takeRoute(Switch &sw, Words &words, Vrf *&vrf, KernelRoute &route, std::string &out) {
+  return onlyRestoring(sw, out) && takeKnownVrf(sw, words, vrf, out) && parseKernelRoute(words, route, out);
+}
+
+bool reportedRoute(Switch &sw, Words &words, std::string &out) {
+  Vrf *vrf = nullptr;
+  KernelRoute route;
+  if (!takeRoute(sw, words, vrf, route, out)) {
+    return false;
+  }
+  restoreKernelRoute(sw, *vrf, std::move(route));
+  return true;
+}
+
+bool reportedRouteGone(Switch &sw, Words &words, std::string &out) {
+  Vrf *vrf = nullptr;
+  KernelRoute route;
+  if (!takeRoute(sw, words, vrf, route, out)) {
+    return false;
+  }
+  forgetKernelRoute(sw, *vrf, route.key);
+  return true;
+}
+
 constexpr Command COMMANDS[] = {
     {"reported arp", reportedArp, false},
     {"reported arp-gone", reportedArpGone, false},
+    {"reported route", reportedRoute, false},
+    {"reported route-gone", reportedRouteGone, false},
 };
 
 } // namespace

@@ -106,6 +106,15 @@ bool setIcmpEchoReply(Switch &sw, Words &words, Vrf &vrf, std::string &out) {
   return true;
 }
 
+bool setKernelRoutesMax(Words &words, Vrf &vrf, std::string &out) {
+  uint32_t count = 0;
+  if (!takeNumber(words, "kernel-routes", count, out) || !takeEnd(words, out)) {
+    return false;
+  }
+  vrf.kernelRoutesMax = count;
+  return true;
+}
+
 bool vrfSet(Switch &sw, Words &words, std::string &out) {
   Vrf *vrf = nullptr;
   if (!takeVrf(sw, words, vrf, out)) {
@@ -121,7 +130,10 @@ bool vrfSet(Switch &sw, Words &words, std::string &out) {
   if (word == "icmp-echo-reply") {
     return setIcmpEchoReply(sw, words, *vrf, out);
   }
-  return refuse(out, notTheWord(word, "routing, icmp-ratelimit or icmp-echo-reply"));
+  if (word == "kernel-routes") {
+    return setKernelRoutesMax(words, *vrf, out);
+  }
+  return refuse(out, notTheWord(word, "routing, icmp-ratelimit, icmp-echo-reply or kernel-routes"));
 }
 
 bool systemReady(Switch &sw, Words &words, std::string &out) {

@@ -3,6 +3,7 @@
 #include "arp.h"
 #include "clients.h"
 #include "commands.h"
+#include "kernel_routes.h"
 #include "router_events.h"
 #include "routes.h"
 
@@ -50,6 +51,11 @@ void appendVrf(const Vrf &vrf, bool routing, std::string &out) {
   if (vrf.icmpEchoReply != fresh.icmpEchoReply) {
     appendNumber(out += "vrf set ", vrf.id);
     appendNumber(out += " icmp-echo-reply ", vrf.icmpEchoReply);
+    out += '\n';
+  }
+  if (vrf.kernelRoutesMax != fresh.kernelRoutesMax) {
+    appendNumber(out += "vrf set ", vrf.id);
+    appendNumber(out += " kernel-routes ", vrf.kernelRoutesMax);
     out += '\n';
   }
 }
@@ -176,21 +182,37 @@ void appendConfig(Switch &sw, const Vrf *only, bool runs, std::string &out) {
   }
 }
 
+namespace {
+
+void appendReported(Switch &sw, const Vrf *only, std::string &out) {
+  for (const auto &[id, vrf] : sw.vrfs) {
+    if (only == nullptr || only->id == id) {
+      appendReportedNeighbours(vrf, out);
+      appendKernelRoutes(sw, vrf, out);
+    }
+  }
+}
+
+} // namespace
+
 bool dumpCommand(Switch &sw, Words &words, std::string &out) {
   const Vrf *only = nullptr;
+  const bool reported = words.takeIf("reported");
   if (!takeVrfFilter(sw, words, only, out) || !takeEnd(words, out)) {
     return false;
   }
-  appendConfig(sw, only, false, out);
+  if (reported) {
+    appendReported(sw, only, out);
+  } else {
+    appendConfig(sw, only, false, out);
+  }
   return true;
 }
 
 bool writeState(Switch &sw, std::string &error) {
   std::string text;
   appendConfig(sw, nullptr, true, text);
-  for (const auto &[id, vrf] : sw.vrfs) {
-    appendReportedNeighbours(vrf, text);
-  }
+  appendReported(sw, nullptr, text);
   for (const auto &[id, client] : sw.clients) {
     appendClient(client, text);
     sw.page.beat();

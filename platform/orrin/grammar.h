@@ -39,6 +39,7 @@ struct RouteAttrs {
   bool rfc5549 = false;
   bool mpls = false;
   bool flag8000 = false;
+  bool reported = false; // by the agent, of its kernel; no word of the route line
   uint32_t metric = 0;
   uint32_t proto = 0;
   std::vector<NextHop> hops;

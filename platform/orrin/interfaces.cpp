@@ -4,6 +4,7 @@
 #include "interfaces.h"
 
 #include "clients.h"
+#include "kernel_routes.h"
 #include "router_events.h"
 #include "routes.h"
 
@@ -55,6 +56,7 @@ void arriveUp(Switch &sw, Interface &interface) {
 
 void arriveDown(Switch &sw, Interface &interface) {
   interface.state = Interface::DOWN;
+  dropSilentKernelRoutes(sw, interface);
   sendRouterEvent(sw, interface.vrf, routerEvent(TARNR_RTR_INTF_DISABLE, interface.number));
   if (mayBeUp(sw, interface)) {
     goUp(sw, interface);

@@ -31,6 +31,7 @@ vrf del <id>
 vrf set <id> routing on|off
 vrf set <id> icmp-ratelimit <burst> <interval>
 vrf set <id> icmp-echo-reply <mode>
+vrf set <id> kernel-routes <how many are taken>
 system ready|not-ready
 gateway service-port|network-port <a.b.c.d>|none
 interface add <n> vrf <id> name <switch-name> device <kernel-device> [type <t>] [index <kernel-index>]
@@ -57,7 +58,8 @@ fault set <call> [result <code>] [delay <ms>] [drop] [once|times <n>|always]
 fault clear [<call>]
 client drop <client-id>
 show vrfs|interfaces|routes|arp|clients|events|faults|status [vrf <id>] [json]
-dump [vrf <id>]
+dump [reported] [vrf <id>]
+    reported: what the agents reported, instead of the configuration
 )";
 
 void writeText(FILE *out, const std::string &text) {

@@ -38,4 +38,8 @@ int32_t kernelArpDelete(const Call &call);
 int32_t arpResolve(const Call &call);
 int32_t stackIndexInterfaceGet(const Call &call);
 
+// requests_kernel_route.cpp
+int32_t kernelRouteAdd(const Call &call);
+int32_t kernelRouteDelete(const Call &call);
+
 } // namespace orrin

@@ -256,6 +256,8 @@ constexpr HandlerRow HANDLERS[] = {
     {tarnwire::INTF_BEST_ROUTES_NEXT_GET, interfaceBestRoutesNextGet},
     {tarnwire::ROUTING_PROTOCOL_REGISTER, routingProtocolRegister},
     {tarnwire::ROUTE_TYPE_REGISTER, routeTypeRegister},
+    {tarnwire::KERNEL_ROUTE_ADD, kernelRouteAdd},
+    {tarnwire::KERNEL_ROUTE_DELETE, kernelRouteDelete},
 };
 
 constexpr bool everyOpHasARow() {

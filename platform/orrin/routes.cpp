@@ -3,6 +3,7 @@
 #include "routes.h"
 
 #include "clients.h"
+#include "kernel_routes.h"
 #include "tarnapi_wire.h"
 
 namespace orrin {
@@ -56,7 +57,8 @@ std::string refusal(Switch &sw, RouteEdit edit, const Vrf &vrf, const Prefix &fi
   Beat beat(sw);
   for (uint32_t index = 0; index < count; ++index) {
     const Prefix prefix = nth(first, index);
-    const bool there = vrf.routes.find(prefix) != nullptr;
+    const AttrId *held = vrf.routes.find(prefix);
+    const bool there = held != nullptr && !sw.attrs.reported(*held);
     if (there && edit == RouteEdit::ADD) {
       return "VRF " + std::to_string(vrf.id) + " has a route " + textOf(prefix) + " already";
     }
@@ -77,19 +79,29 @@ std::vector<bool> attrsThrough(const Switch &sw, uint32_t interface) {
   return through;
 }
 
-void removeRoute(Switch &sw, Vrf &vrf, const Prefix &prefix) {
-  sw.attrs.release(*vrf.routes.find(prefix));
-  vrf.routes.erase(prefix);
+// These two return what a client must be told. The attributes come with the reference that the table takes.
+ChangeQueue::Kind setRoute(Switch &sw, Vrf &vrf, const Prefix &prefix, AttrId attrs) {
+  AttrId *held = vrf.routes.find(prefix);
+  if (held == nullptr) {
+    vrf.routes.insert(prefix, attrs);
+    return ChangeQueue::ADD;
+  }
+  // A modify does not carry a route from one type to another: the agent passes over it for local and kernel routes.
+  const bool sameKind =
+      sw.attrs.type(*held) == sw.attrs.type(attrs) && sw.attrs.reported(*held) == sw.attrs.reported(attrs);
+  sw.attrs.release(*held);
+  *held = attrs;
+  return sameKind ? ChangeQueue::MODIFY : ChangeQueue::REPLACE;
 }
 
-// Returns what a client must be told.
-ChangeQueue::Kind modifyRoute(Switch &sw, Vrf &vrf, const Prefix &prefix, AttrId attrs) {
-  AttrId &held = *vrf.routes.find(prefix);
-  // A modify does not carry a route from one type to another: the agent passes over it for local and kernel routes.
-  const bool sameType = sw.attrs.type(held) == sw.attrs.type(attrs);
-  sw.attrs.release(held);
-  held = attrs;
-  return sameType ? ChangeQueue::MODIFY : ChangeQueue::REPLACE;
+// What is left is the kernel's, if it has one.
+ChangeQueue::Kind withdrawRoute(Switch &sw, Vrf &vrf, const Prefix &prefix) {
+  if (const KernelRoute *kernel = bestKernelRoute(vrf, prefix)) {
+    return setRoute(sw, vrf, prefix, sw.attrs.intern(encodeAttrs(attrsOf(*kernel)), 1));
+  }
+  sw.attrs.release(*vrf.routes.find(prefix));
+  vrf.routes.erase(prefix);
+  return ChangeQueue::DELETE;
 }
 
 } // namespace
@@ -109,15 +121,8 @@ std::string editRoutes(Switch &sw, RouteEdit edit, uint32_t vrfId, const Prefix 
   Beat beat(sw);
   for (uint32_t index = 0; index < count; ++index) {
     const Prefix prefix = nth(first, index);
-    ChangeQueue::Kind kind = ChangeQueue::DELETE;
-    if (edit == RouteEdit::ADD) {
-      vrf->routes.insert(prefix, id);
-      kind = ChangeQueue::ADD;
-    } else if (edit == RouteEdit::MODIFY) {
-      kind = modifyRoute(sw, *vrf, prefix, id);
-    } else {
-      removeRoute(sw, *vrf, prefix);
-    }
+    const ChangeQueue::Kind kind =
+        edit == RouteEdit::REMOVE ? withdrawRoute(sw, *vrf, prefix) : setRoute(sw, *vrf, prefix, id);
     for (Client *client : clients) {
       client->changes.note(prefix, kind);
     }
@@ -127,10 +132,26 @@ std::string editRoutes(Switch &sw, RouteEdit edit, uint32_t vrfId, const Prefix 
   return {};
 }
 
+void refreshRoute(Switch &sw, Vrf &vrf, const Prefix &prefix) {
+  const AttrId *held = vrf.routes.find(prefix);
+  const KernelRoute *best = bestKernelRoute(vrf, prefix);
+  const bool ownIsThere = held != nullptr && !sw.attrs.reported(*held);
+  if (ownIsThere || (held == nullptr && best == nullptr) ||
+      (held != nullptr && best != nullptr && sw.attrs.body(*held) == encodeAttrs(attrsOf(*best)))) {
+    return;
+  }
+  const std::vector<Client *> clients = bestRouteClients(sw, vrf.id);
+  const ChangeQueue::Kind kind = withdrawRoute(sw, vrf, prefix);
+  for (Client *client : clients) {
+    client->changes.note(prefix, kind);
+  }
+  notifyBestRouteClients(sw, clients);
+}
+
 size_t routesThrough(const Switch &sw, uint32_t interface) {
   size_t routes = 0;
   for (AttrId id = 0; id < sw.attrs.slots(); ++id) {
-    if (sw.attrs.mentions(id, interface)) {
+    if (sw.attrs.mentions(id, interface) && !sw.attrs.reported(id)) {
       routes += sw.attrs.references(id);
     }
   }
@@ -194,6 +215,10 @@ void appendRoutes(Switch &sw, const Vrf &vrf, bool runs, std::string &out) {
   for (RouteMap::Place place = vrf.routes.first(); const RouteMap::Entry *entry = vrf.routes.at(place);) {
     beat();
     const RouteMap::Entry head = *entry;
+    if (sw.attrs.reported(head.value)) {
+      place = vrf.routes.next(place);
+      continue;
+    }
     uint64_t count = 1;
     for (place = vrf.routes.next(place); runs && (entry = vrf.routes.at(place)) != nullptr;
          place = vrf.routes.next(place)) {

@@ -15,7 +15,10 @@ enum class RouteEdit { ADD, MODIFY, REMOVE };
 std::string editRoutes(Switch &sw, RouteEdit edit, uint32_t vrf, const Prefix &first, uint32_t count,
                        const RouteAttrs &attrs);
 
-// Routes with a next hop on the interface.
+// A kernel route of the prefix has come, changed or gone.
+void refreshRoute(Switch &sw, Vrf &vrf, const Prefix &prefix);
+
+// The switch's own with a next hop on the interface.
 size_t routesThrough(const Switch &sw, uint32_t interface);
 
 // Routes through the interface in wire form, strictly after `key` (0/0: from the start). Returns their number; `more` says
@@ -29,7 +32,7 @@ void requeueRoutesThrough(Switch &sw, const Vrf &vrf, uint32_t interface);
 // Withdraws everything in a VRF that is about to go.
 void removeAllRoutes(Switch &sw, Vrf &vrf);
 
-// "routes add ..." or "route add ..." lines; consecutive prefixes of one kind share a line if `runs`.
+// The switch's own as "routes add ..." or "route add ..." lines; consecutive prefixes of one kind share a line if `runs`.
 void appendRoutes(Switch &sw, const Vrf &vrf, bool runs, std::string &out);
 
 } // namespace orrin

@@ -1,5 +1,6 @@
 // The answers of `show`. Used by orrin's one thread.
 
+#include "show.h"
 #include "clients.h"
 #include "commands.h"
 #include "interfaces.h"
@@ -11,13 +12,6 @@
 namespace orrin {
 
 namespace {
-
-struct Wanted {
-  const Vrf *only = nullptr;
-  bool json = false;
-
-  bool vrf(uint32_t id) const { return only == nullptr || only->id == id; }
-};
 
 const char *typeName(uint32_t type) {
   switch (type) {
@@ -31,9 +25,10 @@ const char *typeName(uint32_t type) {
 }
 
 void showVrfs(Switch &sw, const Wanted &wanted, std::string &out) {
-  static constexpr Column COLUMNS[] = {{"vrf", 10},         {"name", 16},  {"interface", 16},  {"routing", 7},
-                                       {"routes", 8},       {"arp", 6},    {"interfaces", 10}, {"keepalive", 9},
-                                       {"resolutions", 11}, {"unsent", 6}, {"lost", 6},        {"netns", 0}};
+  static constexpr Column COLUMNS[] = {{"vrf", 10},      {"name", 16},          {"interface", 16}, {"routing", 7},
+                                       {"routes", 8},    {"kernel-routes", 13}, {"arp", 6},        {"interfaces", 10},
+                                       {"keepalive", 9}, {"resolutions", 11},   {"unsent", 6},     {"lost", 6},
+                                       {"netns", 0}};
   Report report(out, wanted.json, COLUMNS);
   for (const auto &[id, vrf] : sw.vrfs) {
     if (!wanted.vrf(id)) {
@@ -47,6 +42,7 @@ void showVrfs(Switch &sw, const Wanted &wanted, std::string &out) {
     report.text(vrf.interfaceName);
     report.text(vrf.routing ? "on" : "off");
     report.number(vrf.routes.size());
+    report.number(vrf.kernelRoutes.size());
     report.number(vrf.arp.size());
     report.signedNumber(interfaces);
     report.text(sw.keepaliveHeld || vrf.keepaliveHeld ? "held" : "sent");
@@ -134,99 +130,6 @@ void showEvents(Switch &sw, const Wanted &wanted, std::string &out) {
       report.number(event.intIfNum);
       report.number(event.cfgEvent);
     }
-  }
-  report.finish();
-}
-
-std::string hopsJson(const RouteAttrs &attrs) {
-  std::string json = "[";
-  for (const NextHop &hop : attrs.hops) {
-    json += json.size() > 1 ? "," : "";
-    appendAddress(json += "{\"via\":\"", hop.address);
-    appendNumber(json += "\",\"interface\":", hop.interface);
-    json += '}';
-  }
-  return json + "]";
-}
-
-void showRoutes(Switch &sw, const Wanted &wanted, std::string &out) {
-  static constexpr Column COLUMNS[] = {{"vrf", 10}, {"prefix", 18}, {"options", 0}};
-  static constexpr Column JSON_COLUMNS[] = {{"vrf", 0},    {"prefix", 0}, {"options", 0},
-                                            {"metric", 0}, {"proto", 0},  {"nexthops", 0}};
-  Report report(out, wanted.json,
-                wanted.json ? std::span<const Column>(JSON_COLUMNS) : std::span<const Column>(COLUMNS));
-  std::string prefix;
-  std::string options;
-  size_t walked = 0;
-  for (const auto &[id, vrf] : sw.vrfs) {
-    for (auto place = vrf.routes.first(); wanted.vrf(id) && vrf.routes.at(place) != nullptr;
-         place = vrf.routes.next(place)) {
-      const RouteMap::Entry &entry = *vrf.routes.at(place);
-      RouteAttrs attrs = decodeAttrs(sw.attrs.body(entry.value));
-      prefix.clear();
-      appendPrefix(prefix, entry.prefix());
-      report.number(id);
-      report.text(prefix);
-      const std::string hops = wanted.json ? hopsJson(attrs) : std::string();
-      const uint32_t metric = attrs.metric;
-      const uint32_t proto = attrs.proto;
-      if (wanted.json) { // have members of their own
-        attrs.hops.clear();
-        attrs.metric = attrs.proto = 0;
-      }
-      options.clear();
-      appendRouteAttrs(options, attrs);
-      report.text(options.empty() ? std::string_view() : std::string_view(options).substr(1));
-      if (wanted.json) {
-        report.number(metric);
-        report.number(proto);
-        report.custom({}, hops);
-      }
-      if (++walked % 4096 == 0) {
-        sw.page.beat();
-      }
-    }
-  }
-  report.finish();
-}
-
-// The kernel's name of a neighbour's state, as `ip neigh` has it.
-std::string neighbourState(uint32_t state) {
-  constexpr const char *NAMES[] = {"incomplete", "reachable", "stale", "delay",
-                                   "probe",      "failed",    "noarp", "permanent"};
-  for (uint32_t bit = 0; bit < std::size(NAMES); ++bit) {
-    if (state == 1u << bit) {
-      return NAMES[bit];
-    }
-  }
-  return std::to_string(state);
-}
-
-void showArp(Switch &sw, const Wanted &wanted, std::string &out) {
-  static constexpr Column COLUMNS[] = {{"vrf", 10},      {"address", 15}, {"mac", 17},     {"origin", 6},
-                                       {"interface", 9}, {"device", 15},  {"ifindex", 10}, {"state", 0}};
-  Report report(out, wanted.json, COLUMNS);
-  for (const auto &[id, vrf] : sw.vrfs) {
-    if (!wanted.vrf(id)) {
-      continue;
-    }
-    for (const auto &[address, entry] : vrf.arp) {
-      const Interface *interface = findInterface(sw, entry.interface);
-      const bool kernel = entry.origin == ArpEntry::KERNEL;
-      std::string text;
-      report.number(id);
-      appendAddress(text, address);
-      report.text(text);
-      text.clear();
-      appendMac(text, entry.mac);
-      report.text(text);
-      report.text(kernel ? "kernel" : "switch");
-      report.number(entry.interface);
-      report.text(interface == nullptr ? std::string_view() : std::string_view(interface->device));
-      report.number(entry.index);
-      report.text(kernel ? neighbourState(entry.state) : std::string());
-    }
-    sw.page.beat();
   }
   report.finish();
 }

@@ -1,12 +1,13 @@
 // The switch: everything that orrin holds. Plain records, all used by the one thread; the sources beside this one change
-// them: routes.cpp the route tables, arp.cpp the ARP caches, interfaces.cpp the interfaces, clients.cpp the registrations,
-// router_events.cpp the events.
+// them: routes.cpp the route tables, kernel_routes.cpp what agents report of theirs, arp.cpp the ARP caches, interfaces.cpp the
+// interfaces, clients.cpp the registrations, router_events.cpp the events.
 #pragma once
 
 #include "attr_table.h"
 #include "change_queue.h"
 #include "faults.h"
 #include "journal.h"
+#include "kernel_route.h"
 #include "outbox.h"
 #include "poller.h"
 #include "publisher.h"
@@ -94,7 +95,9 @@ struct Vrf {
   uint32_t icmpInterval = 1000; // as the platform counts it
   uint32_t icmpEchoReply = 1;
   bool keepaliveHeld = false;
-  RouteMap routes;
+  RouteMap routes; // the best of each prefix: the switch's own, or else what the agent reported
+  std::map<KernelRoute::Key, KernelRoute> kernelRoutes;
+  uint32_t kernelRoutesMax = 1000000;
   std::map<uint32_t, ArpEntry> arp; // by address
   Outbox resolutions;               // for the agent
   uint64_t resolutionsMade = 0;

@@ -33,7 +33,8 @@ bool takeKernelPrefix(Words &words, KernelRoute::Key &key, std::string &error) {
 bool takeHop(Words &words, KernelRoute &route, std::string &error) {
   KernelRoute::Hop hop;
   const std::string_view word = words.take();
-  if (!parseIpAddress(word, hop.address)) {
+  if (!parseIpAddress(word, hop.address) || hop.address.v6 != route.key.prefix.v6 ||
+      route.hops.size() == MAX_NEXT_HOPS) {
     return fail(error, "via", word);
   }
   if (!takeKeyword(words, "interface", error) || !takeNumber(words, "interface", hop.interface, error)) {

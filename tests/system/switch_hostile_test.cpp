@@ -91,6 +91,22 @@ TEST_F(SwitchHostile, EveryCallBearsAnyArguments) {
   stillServes();
 }
 
+TEST_F(SwitchHostile, KernelRoutesAreReadNoFurtherThanTheyReach) {
+  const UniqueFd fd = dialApi();
+  tarnwire::Request request{tarnwire::KERNEL_ROUTE_ADD, 77, {VRF}};
+  tarnwire::ReportedRoute route{1, {}, 7, 0, 0, 2, 0, 0};
+  const std::string head(reinterpret_cast<const char *>(&request), sizeof request);
+  for (const char *bytes : {"\0", "\xff", "\1"}) {
+    const std::string tail =
+        std::string(reinterpret_cast<const char *>(&route), sizeof route) + std::string(500, bytes[0]);
+    for (size_t size = 0; size <= tarnwire::REPORT_MAX_BYTES; ++size) {
+      EXPECT_LT(resultOf(reply(fd, head + tail.substr(0, size))), 0) << size;
+    }
+  }
+  EXPECT_EQ(orrin.run("show routes json"), "[]\n");
+  stillServes();
+}
+
 TEST_F(SwitchHostile, CommandLinesWithoutEndCostTheirConnection) {
   const UniqueFd fd = dial(orrin.socket() + ".control", SOCK_STREAM);
   const std::string flood(300000, 'x');

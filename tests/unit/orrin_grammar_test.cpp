@@ -1,6 +1,7 @@
 // The words of orrin's command lines: what is read is printed again the same, and a wrong word is named.
 
 #include "grammar.h"
+#include "kernel_route.h"
 
 #include <gtest/gtest.h>
 
@@ -70,6 +71,45 @@ TEST(OrrinGrammar, ARouteHoldsAtMost48NextHops) {
   }
   EXPECT_EQ(reprinted(line), line);
   EXPECT_EQ(reprinted(line + " via 10.1.1.1 interface 3"), "via: more than 48 next hops");
+}
+
+std::string reprintedKernelRoute(std::string_view line) {
+  Words words(line);
+  KernelRoute route;
+  std::string out;
+  if (parseKernelRoute(words, route, out)) {
+    appendKernelRoute(out, route);
+  }
+  return out;
+}
+
+TEST(OrrinGrammar, KernelRoutesOfBothFamiliesComeBackAsTheyWere) {
+  for (const char *line : {
+           " 0.0.0.0/0 via 10.1.1.2 interface 11",
+           " 255.255.255.255/32 reject",
+           " 10.0.0.0/8 discard metric 4294967295 proto 7",
+           " ::/0 via fe80::1 interface 3 via :: interface 4",
+           " 2001:db8::1/128 reject metric 5",
+       }) {
+    EXPECT_EQ(reprintedKernelRoute(line), line);
+  }
+  const struct {
+    const char *line;
+    const char *error;
+  } wrong[] = {
+      {"", "prefix: \"\" is wrong"},
+      {"10.0.0.0", "prefix: \"10.0.0.0\" is wrong"},
+      {"10.0.0.0/33", "prefix: \"10.0.0.0/33\" is wrong"},
+      {"10.0.0.1/31", "prefix: \"10.0.0.1/31\" is wrong"},
+      {"2001:db8::/129", "prefix: \"2001:db8::/129\" is wrong"},
+      {"2001:db8::1/127", "prefix: \"2001:db8::1/127\" is wrong"},
+      {"10.0.0.0/8 via fe80::1 interface 3", "via: \"fe80::1\" is wrong"},
+      {"10.0.0.0/8 via 10.0.0.1", "\"interface\" missing"},
+      {"10.0.0.0/8 mpls", "kernel route: \"mpls\" is wrong"},
+  };
+  for (const auto &each : wrong) {
+    EXPECT_EQ(reprintedKernelRoute(each.line), each.error);
+  }
 }
 
 } // namespace

@@ -151,12 +151,12 @@ void appendConfig(Switch &sw, const Vrf *only, bool runs, std::string &out) {
     if (!sw.systemReady) {
       out += "system not-ready\n";
     }
-    appendGateway("service-port", sw.gateways.servicePort, out);
-    appendGateway("network-port", sw.gateways.networkPort, out);
     appendNumber(out += "keepalive period ", sw.keepalivePeriod);
     appendNumber(out += "\nevent timeout ", sw.ackTimeout);
     out += '\n';
   }
+  appendGateway("service-port", sw.gateways.servicePort, out); // for every VRF
+  appendGateway("network-port", sw.gateways.networkPort, out);
   for (const auto &[id, vrf] : sw.vrfs) {
     if (wanted(id)) {
       // For the state folder, interfaces that are still going down come up with it first.

@@ -20,8 +20,9 @@ constexpr size_t INPUT_STEP = 64 * 1024;
 constexpr const char *USAGE =
     "usage: orrinctl <command>                               one command; `orrinctl help` lists them\n"
     "       orrinctl -                                       commands from standard input\n"
-    "       orrinctl diff [vrf <id>] [interfaces|routes]... [summary]\n"
-    "                                                        compare the switch with the kernel\n";
+    "       orrinctl diff [vrf <id>] [interfaces|routes|neighbours|kernel-routes]... [summary]\n"
+    "                                                        compare the switch with the kernel; the first two\n"
+    "                                                        unless others are named\n";
 
 constexpr const char *GRAMMAR =
     R"(Commands, one a line; # starts a comment:

@@ -20,15 +20,27 @@ constexpr int EXIT_TROUBLE = 2;
 struct Area {
   const char *name;
   std::string (*compare)(const MirrorVrf &vrf, DeviceNames &devices, bool print, MirrorCounts &counts);
+  bool reported; // the kernel is the origin, and the switch has what the agent reported
 };
 
-constexpr std::array AREAS = {Area{"interfaces", compareInterfaces}, Area{"routes", compareRoutes}};
+constexpr std::array AREAS = {Area{"interfaces", compareInterfaces, false}, Area{"routes", compareRoutes, false},
+                              Area{"neighbours", compareNeighbours, true},
+                              Area{"kernel-routes", compareKernelRoutes, true}};
 
 struct DiffOptions {
   bool oneVrf = false;
   uint32_t vrfId = 0;
   bool summary = false;
-  std::array<bool, AREAS.size()> areas{}; // none = all
+  std::array<bool, AREAS.size()> areas{}; // none = those that the agent writes into the kernel
+
+  bool reported() const {
+    for (size_t i = 0; i < AREAS.size(); ++i) {
+      if (areas[i] && AREAS[i].reported) {
+        return true;
+      }
+    }
+    return false;
+  }
 };
 
 bool takeArea(std::string_view word, DiffOptions &options) {
@@ -57,18 +69,18 @@ bool parseOptions(std::span<char *const> words, DiffOptions &options) {
     }
   }
   if (std::ranges::none_of(options.areas, [](bool chosen) { return chosen; })) {
-    options.areas.fill(true);
+    std::ranges::transform(AREAS, options.areas.begin(), [](const Area &area) { return !area.reported; });
   }
   return true;
 }
 
-bool fetchDump(const DiffOptions &options, std::string &dump) {
+bool fetch(const std::string &command, std::string &dump) {
   ControlSession session;
   if (!session.connect()) {
     std::fprintf(stderr, "orrinctl: %s\n", session.error().c_str());
     return false;
   }
-  session.queue(options.oneVrf ? "dump vrf " + std::to_string(options.vrfId) : std::string("dump"));
+  session.queue(command);
   if (session.wait(-1) != ControlSession::Event::Answer) {
     std::fprintf(stderr, "orrinctl: %s\n", session.error().c_str());
     return false;
@@ -131,17 +143,23 @@ int compareVrf(const MirrorVrf &vrf, DeviceNames &devices, const DiffOptions &op
 int runDiff(int argc, char **argv) {
   DiffOptions options;
   if (!parseOptions({argv, static_cast<size_t>(argc)}, options)) {
-    std::fputs("usage: orrinctl diff [vrf <id>] [interfaces|routes]... [summary]\n", stderr);
+    std::fputs("usage: orrinctl diff [vrf <id>] [interfaces|routes|neighbours|kernel-routes]... [summary]\n", stderr);
     return EXIT_TROUBLE;
   }
+  const std::string which = options.oneVrf ? " vrf " + std::to_string(options.vrfId) : std::string();
   std::string dump;
-  if (!fetchDump(options, dump)) {
+  std::string reported;
+  if ((options.reported() && !fetch("dump reported" + which, reported)) || !fetch("dump" + which, dump)) {
     return EXIT_TROUBLE;
   }
   DeviceNames devices;
   std::deque<MirrorVrf> vrfs;
   if (const std::string error = readDump(dump, devices, vrfs); !error.empty()) {
     std::fprintf(stderr, "orrinctl: the switch's dump: %s\n", error.c_str());
+    return EXIT_TROUBLE;
+  }
+  if (const std::string error = readReported(reported, vrfs); !error.empty()) {
+    std::fprintf(stderr, "orrinctl: the switch's reports: %s\n", error.c_str());
     return EXIT_TROUBLE;
   }
   int status = EXIT_SAME;

@@ -42,10 +42,23 @@ public:
     if (noun == "route" && verb == "add") {
       return route(words);
     }
+    if (noun == "arp" && verb == "learn") {
+      return neighbour(words);
+    }
+    if (noun == "gateway") {
+      return gateway(words);
+    }
     return noun != "interface" || interface(verb, words);
   }
 
   const std::string &error() const { return error_; }
+
+  // After the last line.
+  void finish() {
+    for (MirrorVrf &vrf : vrfs_) {
+      vrf.notReported.insert(gateways_.begin(), gateways_.end());
+    }
+  }
 
 private:
   struct Vrf {
@@ -89,6 +102,29 @@ private:
     const auto vrf = known_.find(id);
     if (vrf != known_.end() && words.takeIf("routing")) {
       vrf->second.routing = words.takeIf("on");
+    }
+    return true;
+  }
+
+  bool neighbour(Words &words) {
+    uint32_t id = 0;
+    uint32_t address = 0;
+    if (!orrin::takeKeyword(words, "vrf", error_) || !orrin::takeNumber(words, "vrf", id, error_)) {
+      return false;
+    }
+    const auto vrf = known_.find(id);
+    if (vrf == known_.end() || !orrin::parseAddress(words.take(), address)) {
+      error_ = "no neighbour of a VRF";
+      return false;
+    }
+    vrf->second.mirror->notReported.insert(address);
+    return true;
+  }
+
+  bool gateway(Words &words) {
+    if (!orrin::parseAddress(words.take(), gateways_.emplace_back())) {
+      error_ = "no address";
+      return false;
     }
     return true;
   }
@@ -252,6 +288,7 @@ private:
   const uint16_t rfc5549Device_;
   std::map<uint32_t, Vrf> known_;
   std::map<uint32_t, Device> interfaces_;
+  std::vector<uint32_t> gateways_; // of the switch's ports, which are every VRF's
   orrin::Route route_;
   std::string error_;
 };
@@ -285,6 +322,7 @@ std::string readDump(std::string_view dump, DeviceNames &devices, std::deque<Mir
     }
     dump.remove_prefix(std::min(end + 1, dump.size()));
   }
+  reader.finish();
   for (MirrorVrf &vrf : vrfs) {
     std::sort(vrf.routes.begin(), vrf.routes.end(),
               [](const MirrorRoute &a, const MirrorRoute &b) { return a.key() < b.key(); });

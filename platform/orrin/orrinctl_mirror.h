@@ -1,6 +1,9 @@
 // What `orrinctl diff` compares: the interfaces and routes of a VRF as the switch wants them in the kernel, and as the
-// kernel has them. Addresses are in host byte order.
+// kernel has them; neighbours and kernel routes as they were reported to the switch, and as the kernel has them. Addresses are
+// in host byte order.
 #pragma once
+
+#include "kernel_route.h"
 
 #include <array>
 #include <compare>
@@ -8,6 +11,7 @@
 #include <cstdint>
 #include <deque>
 #include <map>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -62,6 +66,14 @@ struct MirrorInterface {
   MirrorDevice wanted;
 };
 
+// A neighbour in the kernel's ARP cache.
+struct MirrorNeighbour {
+  std::array<uint8_t, 6> mac{};
+  uint32_t index = 0; // of the device
+
+  bool operator==(const MirrorNeighbour &) const = default;
+};
+
 struct MirrorVrf {
   uint32_t id = 0;
   std::string name;
@@ -69,6 +81,11 @@ struct MirrorVrf {
   std::deque<MirrorInterface> interfaces; // ascending by number
   size_t switchRoutes = 0;                // all that the switch holds
   std::vector<MirrorRoute> routes;        // those that belong in the kernel, ascending
+
+  // What the agent reported, where that is compared.
+  std::map<uint32_t, MirrorNeighbour> neighbours; // by address
+  std::set<uint32_t> notReported;                 // addresses of neighbours that the switch knows itself
+  std::map<orrin::KernelRoute::Key, orrin::KernelRoute> kernelRoutes;
 };
 
 // The label of an address as the kernel has it: at most 15 characters, and the device's name where the cut would lose the
@@ -77,6 +94,9 @@ std::string kernelLabel(std::string_view device, std::string_view suffix);
 
 // Reads a configuration dump. Returns what is wrong with it, empty when nothing is.
 std::string readDump(std::string_view dump, DeviceNames &devices, std::deque<MirrorVrf> &vrfs);
+
+// Reads a dump of what the agents reported into the VRFs of a configuration. Returns what is wrong with it.
+std::string readReported(std::string_view dump, std::deque<MirrorVrf> &vrfs);
 
 // The readers of the kernel's side look into the network namespace in which the process is. They return what went wrong,
 // empty when nothing did.
@@ -95,9 +115,11 @@ struct MirrorCounts {
 };
 
 // Each compares one VRF with the kernel of the current namespace and, if told so, prints every difference: "-" what is
-// missing in the kernel, "+" what should not be there, "~" what is otherwise. They return what went wrong.
+// missing in the kernel, "+" what should not be there or was not reported, "~" what is otherwise. They return what went wrong.
 std::string compareInterfaces(const MirrorVrf &vrf, DeviceNames &devices, bool print, MirrorCounts &counts);
 std::string compareRoutes(const MirrorVrf &vrf, DeviceNames &devices, bool print, MirrorCounts &counts);
+std::string compareNeighbours(const MirrorVrf &vrf, DeviceNames &devices, bool print, MirrorCounts &counts);
+std::string compareKernelRoutes(const MirrorVrf &vrf, DeviceNames &devices, bool print, MirrorCounts &counts);
 
 // Runs `orrinctl diff` with the arguments after "diff". Returns the exit status.
 int runDiff(int argc, char **argv);

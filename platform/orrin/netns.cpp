@@ -66,13 +66,20 @@ std::string deviceNameIn(const Vrf &vrf, uint32_t index) {
   return {request.ifr_name, strnlen(request.ifr_name, sizeof request.ifr_name)};
 }
 
-bool processIsIn(const Vrf &vrf, uint32_t process) {
-  const std::string path = pathOf(vrf);
-  struct stat one {};
-  struct stat other {};
-  return !path.empty() && stat(path.c_str(), &one) == 0 &&
-         stat(("/proc/" + std::to_string(process) + "/ns/net").c_str(), &other) == 0 && one.st_dev == other.st_dev &&
-         one.st_ino == other.st_ino;
+const Vrf *vrfOfProcess(const Switch &sw, uint32_t process) {
+  struct stat wanted {};
+  if (stat(("/proc/" + std::to_string(process) + "/ns/net").c_str(), &wanted) != 0) {
+    return nullptr;
+  }
+  for (const auto &[id, vrf] : sw.vrfs) {
+    const std::string path = pathOf(vrf);
+    struct stat status {};
+    if (!path.empty() && stat(path.c_str(), &status) == 0 && status.st_dev == wanted.st_dev &&
+        status.st_ino == wanted.st_ino) {
+      return &vrf;
+    }
+  }
+  return nullptr;
 }
 
 } // namespace orrin

@@ -13,7 +13,7 @@ uint32_t deviceIndexIn(const Vrf &vrf, const std::string &device);
 // The device with that index, empty when there is none.
 std::string deviceNameIn(const Vrf &vrf, uint32_t index);
 
-// Is this the namespace that the process runs in?
-bool processIsIn(const Vrf &vrf, uint32_t process);
+// The VRF in whose namespace the process runs, null when it is none's.
+const Vrf *vrfOfProcess(const Switch &sw, uint32_t process);
 
 } // namespace orrin

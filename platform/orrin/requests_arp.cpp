@@ -24,10 +24,8 @@ int32_t neighbourOf(const Call &call, Vrf *&vrf, uint32_t &address) {
 
 // The call names no VRF: it is the one whose namespace the caller runs in, or else that of the caller's registration.
 const Vrf *vrfOfCaller(const Call &call) {
-  for (const auto &[id, vrf] : call.sw.vrfs) {
-    if (processIsIn(vrf, call.context.process)) {
-      return &vrf;
-    }
+  if (const Vrf *vrf = vrfOfProcess(call.sw, call.context.process)) {
+    return vrf;
   }
   for (const auto &[id, client] : call.sw.clients) {
     const uint32_t process = client.process != 0 ? client.process : client.pid;

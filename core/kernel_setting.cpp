@@ -2,7 +2,14 @@
 
 #include "kernel_setting.h"
 
+#include "unique_fd.h"
+
+#include <cerrno>
 #include <cstdio>
+#include <fcntl.h>
+#include <string_view>
+#include <sys/stat.h>
+#include <unistd.h>
 
 void kernelSettingRaise(const char *path, unsigned minimum) {
   FILE *setting = fopen(path, "r+e");
@@ -15,4 +22,24 @@ void kernelSettingRaise(const char *path, unsigned minimum) {
     fprintf(setting, "%u\n", minimum);
   }
   fclose(setting);
+}
+
+int mirelProcFileWrite(const char *path, const char *text) {
+  struct stat info;
+  if (stat(path, &info) != 0) {
+    return -1;
+  }
+  const UniqueFd file(open(path, O_WRONLY | O_CLOEXEC));
+  if (!file) {
+    return -1;
+  }
+  std::string_view rest = text;
+  while (!rest.empty()) {
+    const ssize_t written = write(file.get(), rest.data(), rest.size());
+    if (written < 0 && errno != EINTR) {
+      return -1;
+    }
+    rest.remove_prefix(written > 0 ? static_cast<size_t>(written) : 0);
+  }
+  return 0;
 }

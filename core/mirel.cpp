@@ -133,6 +133,11 @@ void arpSocketCreate() {
   MIREL_TRACE(TRACE_GENERAL, OPERATION, "Successfully created Mirel ARP socket\n");
 }
 
+void arpNetlinkInit() {
+  mirelArpNetlinkInit(&arpd_nl_fd);
+  MIREL_TRACE(TRACE_GENERAL, OPERATION, "arpd netlink socket %d has been SUCCESSFULLY setup.\n", arpd_nl_fd.get());
+}
+
 void kernelUpdateSocketInit() {
   if (procOsapiRouteNetlinkSocketInit(&routeNetlinkSock) != 0) {
     MIREL_TRACE(TRACE_RTO_FAILURE, OPERATION,
@@ -221,6 +226,7 @@ int main(int argc, char **argv) {
   loopbackUp();
   datagramQueueRaise();
   arpSocketCreate();
+  arpNetlinkInit();
   kernelUpdateSocketInit();
   mirelIntIfInfoAllocate();
   routeTypesRegister();

@@ -17,6 +17,7 @@ RouteNetlinkSock routeNetlinkSock = {.fd = -1, .seq = 0, .name = "netlink-reques
 Relaxed<int> rppi_evnt_fd = -1;
 Relaxed<int> brc_sock_fd = -1;
 Relaxed<int> arp_sock_fd = -1;
+Relaxed<int> arpd_nl_fd = -1;
 
 Relaxed<uint32_t> rppi_evnt_client_id;
 Relaxed<uint32_t> brc_client_id;

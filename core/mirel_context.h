@@ -29,6 +29,7 @@ extern RouteNetlinkSock routeNetlinkSock;
 extern Relaxed<int> rppi_evnt_fd;
 extern Relaxed<int> brc_sock_fd;
 extern Relaxed<int> arp_sock_fd; // ARP resolutions of the switch
+extern Relaxed<int> arpd_nl_fd;  // the kernel's neighbours
 
 // The two event clients. Times are values of currentGetTime(); id 0 = not registered.
 extern Relaxed<uint32_t> rppi_evnt_client_id;

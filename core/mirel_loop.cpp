@@ -84,7 +84,8 @@ bool fitsReadSet(int fd) {
 int readSetFill() {
   FD_ZERO(&readSet);
   int highest = -1;
-  for (const int fd : {rppi_evnt_fd.get(), brc_sock_fd.get(), arp_sock_fd.get(), syncdbClient.syncdbNotifyFd}) {
+  for (const int fd :
+       {rppi_evnt_fd.get(), brc_sock_fd.get(), arp_sock_fd.get(), syncdbClient.syncdbNotifyFd, arpd_nl_fd.get()}) {
     if (fd != -1 && fitsReadSet(fd)) {
       FD_SET(fd, &readSet);
       highest = std::max(highest, fd);
@@ -114,6 +115,14 @@ Pass waitForEvents() {
   }
   MIREL_LOG(SEVERITY_ERROR, "select() error %d (%s)", error, strerror(error));
   return Pass::TIMERS_ONLY;
+}
+
+void serviceNeighbours() {
+  if (!isReady(arpd_nl_fd)) {
+    return;
+  }
+  MIREL_TRACE(TRACE_GENERAL, OPERATION, "Received an event from arpd netlink socket\n");
+  mirelArpNetlinkEvntHandle();
 }
 
 void serviceRouterEvents() {
@@ -255,6 +264,7 @@ void mirelMainLoop() {
       continue;
     }
     if (pass == Pass::SERVICE) {
+      serviceNeighbours();
       serviceRouterEvents();
       serviceBestRoutes();
       serviceArpResolutions();

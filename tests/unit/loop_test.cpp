@@ -1,6 +1,7 @@
 // The main loop of the real agent: its sockets, its timers and its keep-alive checks, by a clock that the test sets.
 
 #include "agent_process.h"
+#include "arp_resolution.h"
 #include "own_namespaces.h"
 #include "unique_fd.h"
 
@@ -10,6 +11,7 @@
 #include <fstream>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <net/if.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 
@@ -135,6 +137,50 @@ TEST(Loop, RouterDatagrams) {
   }
 }
 
+// What the switch has resolved comes back as a neighbour of the kernel; a short datagram is filled up by zeros.
+TEST(Loop, ArpResolutions) {
+  shell("ip link add rt1 type veth peer name h1 && ip link set rt1 up");
+  const uint32_t index = if_nametoindex("rt1");
+  ArpResolutionMsg msg{};
+  msg.msgType = 1;
+  msg.msgLen = 36;
+  msg.ipAddr = 0xc0000209;
+  memcpy(msg.macAddr, "\x02\x00\x00\x00\x00\x09", sizeof msg.macAddr);
+  msg.ifIndex = index;
+  msg.vrId = 3;
+  const std::string datagram(reinterpret_cast<const char *>(&msg), sizeof msg);
+  const std::string refused = log(3, "Error in handling ARP resolution message from orrin process");
+  const struct {
+    std::string datagram;
+    bool resolved;
+    std::string line; // begins one of the trace
+  } CASES[] = {
+      {datagram, true, "rpcclt_tarnapiKernelArpAdd 3 192.0.2.9 020000000009[6] " + std::to_string(index) + " 4"},
+      {datagram.substr(0, 37), true, ""},
+      {datagram + std::string(300, 'x'), true, ""},
+      {datagram.substr(0, 36), false, refused},
+      {datagram.substr(0, 1), false, refused},
+      {"", false, log(3, "Failed to read socket with fd ")},
+  };
+  for (const auto &row : CASES) {
+    AgentProcess agent;
+    agent.passes(1);
+    ASSERT_TRUE(sendDatagram(ARP_SOCKET, row.datagram));
+    const Lines lines = agent.passes(3);
+    const std::string shown = agent.run("mirelStatsShow");
+    EXPECT_THAT(shown, HasSubstr("Arp Resolve Errors:        " + std::to_string(row.resolved ? 0 : 1) +
+                                 " \n"
+                                 "Arp Resolves:              " +
+                                 std::to_string(row.resolved ? 1 : 0) + " \n"))
+        << row.line;
+    if (!row.line.empty()) {
+      EXPECT_THAT(lines, Contains(StartsWith(row.line)));
+    }
+    EXPECT_THAT(lines, Not(Contains(StartsWith("select ")))) << "no socket is given up";
+  }
+  shell("ip link del rt1");
+}
+
 TEST(Loop, TracesReachTheOutputAtOnce) {
   AgentProcess agent;
   agent.run("mirelDebugFlagsSet 1");
@@ -150,7 +196,8 @@ TEST(Loop, OneDatagramASocketAndPass) {
   mkfifo("/tmp/syncdb.fifo", 0600);
   AgentProcess agent("syncdbClientRegister: 0 /tmp/syncdb.fifo");
   agent.run("mirelDebugFlagsSet 1");
-  EXPECT_THAT(agent.trace(), Contains("select /tmp/mirel-03/arp-socket /tmp/rppi_brc.0007 /tmp/rppi_rec.0005 file 1.0s"));
+  EXPECT_THAT(agent.trace(),
+              Contains("select /tmp/mirel-03/arp-socket /tmp/rppi_brc.0007 /tmp/rppi_rec.0005 file netlink 1.0s"));
   const size_t before = agent.output().size();
   agent.stop();
   const UniqueFd fifo(open("/tmp/syncdb.fifo", O_RDWR | O_NONBLOCK | O_CLOEXEC));
@@ -160,7 +207,10 @@ TEST(Loop, OneDatagramASocketAndPass) {
   }
   for (const uint16_t type : {uint16_t{101}, uint16_t{1}}) {
     ASSERT_TRUE(sendDatagram(ROUTER_EVENT_SOCKET, eventDatagram(type, 8)));
+    ASSERT_TRUE(sendDatagram(ARP_SOCKET, "x"));
   }
+  shell("ip link add rt1 type veth peer name h1 && ip neigh add 10.9.0.7 lladdr 02:00:00:00:00:07 dev rt1 && "
+        "ip neigh add 10.9.0.8 lladdr 02:00:00:00:00:08 dev rt1");
   agent.resume();
   agent.passes(4);
   char byte;
@@ -170,12 +220,15 @@ TEST(Loop, OneDatagramASocketAndPass) {
   const std::string syncdb = "[blue (VRF 3)]:main: Received an event from syncdb socket\n"
                              "[blue (VRF 3)]:mirelSyncDbCfgChangeHandle: Received a syncDb event\n";
   const std::string length = " and length 8 bytes\n";
+  const std::string neighbour = "[blue (VRF 3)]:main: Received an event from arpd netlink socket\n";
+  const std::string arp = "[blue (VRF 3)]:main: Received an event from arp socket\n";
+  shell("ip link del rt1");
   EXPECT_THAT(agent.output().substr(before),
-              StartsWith(router + "IPv4 ROUTING ENABLE" + length +
+              StartsWith(neighbour + router + "IPv4 ROUTING ENABLE" + length +
                          "[blue (VRF 3)]:mirelRouterEventMsgProcess: Received msg type IPv4 ROUTING ENABLE on Router "
                          "Event Client\n" +
-                         best + "KEEPALIVE" + length + syncdb + router + "KEEPALIVE" + length + best +
-                         "BEST ROUTE CHANGE" + length + syncdb + best + "STARTUP DONE" + length + syncdb));
+                         best + "KEEPALIVE" + length + arp + syncdb + neighbour + router + "KEEPALIVE" + length + best +
+                         "BEST ROUTE CHANGE" + length + arp + syncdb + best + "STARTUP DONE" + length + syncdb));
 }
 
 TEST(Loop, SyncDbEventIsSilentWithoutTheDebugBit) {
@@ -342,7 +395,8 @@ TEST(Loop, StartupDone) {
   agent.passes(1);
   ASSERT_TRUE(sendDatagram(ROUTER_EVENT_SOCKET, eventDatagram(103, 8)));
   agent.passes(3);
-  EXPECT_THAT(agent.trace(), Contains("select /tmp/mirel-03/arp-socket /tmp/rppi_brc.0007 /tmp/rppi_rec.0005 1.0s"));
+  EXPECT_THAT(agent.trace(),
+              Contains("select /tmp/mirel-03/arp-socket /tmp/rppi_brc.0007 /tmp/rppi_rec.0005 netlink 1.0s"));
 
   for (const char *refused : {"-23", "0 0"}) {
     AgentProcess ending(status + "rpcclt_tarnapiBestRouteEventRegisterVr: " + refused);

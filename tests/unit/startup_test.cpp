@@ -72,7 +72,7 @@ TEST(StartUp, OrderOfCalls) {
       "rpcclt_tarnapiBestRouteEventRegisterVr 3 1 " + std::to_string(agent.pid()) + " mirel:3[8]",
   };
   EXPECT_THAT(startUp(agent), ElementsAreArray(expected));
-  EXPECT_THAT(agent.trace(), Contains("select /tmp/mirel-03/arp-socket /tmp/rppi_brc.0007 /tmp/rppi_rec.0005 1.0s"));
+  EXPECT_THAT(agent.trace(), Contains("select /tmp/mirel-03/arp-socket /tmp/rppi_brc.0007 /tmp/rppi_rec.0005 netlink 1.0s"));
   EXPECT_EQ(agent.output(), "");
 }
 
@@ -297,7 +297,7 @@ TEST(StartUp, RoutingNotStarted) {
   const Lines lines = startUp(agent);
   EXPECT_THAT(lines, Not(Contains(StartsWith("rpcclt_tarnapiBestRouteEventRegisterVr"))));
   EXPECT_THAT(lines, Not(Contains(StartsWith("rpcclt_tarnapiRtrIntfNextGetVrf"))));
-  EXPECT_THAT(agent.trace(), Contains("select /tmp/mirel-03/arp-socket /tmp/rppi_rec.0005 1.0s"));
+  EXPECT_THAT(agent.trace(), Contains("select /tmp/mirel-03/arp-socket /tmp/rppi_rec.0005 netlink 1.0s"));
   EXPECT_THAT(agent.keepAliveUntil(1500), Each("rpcclt_rpc_failure_occured"));
 }
 

@@ -18,7 +18,7 @@
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
-MirelIntIfInfo *mirelIntIfInfoTable = nullptr;
+std::atomic<MirelIntIfInfo *> mirelIntIfInfoTable = nullptr;
 
 namespace {
 
@@ -185,11 +185,12 @@ int mirelIntIfInfoStkIfIndexGet(uint32_t intIfNum, uint32_t *ifIndex) {
 }
 
 int mirelIntIfNumFromStkIfIndex(uint32_t ifIndex, uint32_t *intIfNum) {
-  if (mirelIntIfInfoTable == nullptr) {
+  const MirelIntIfInfo *table = mirelIntIfInfoTable;
+  if (table == nullptr) {
     return 1;
   }
   for (uint32_t number = 1; number <= MIREL_INT_IF_NUM_MAX; ++number) {
-    if (mirelIntIfInfoTable[number].ipstkIfIndex == ifIndex) {
+    if (table[number].ipstkIfIndex == ifIndex) {
       *intIfNum = number;
       return 0;
     }

@@ -5,6 +5,8 @@
 
 #include "mirel_context.h"
 
+#include <atomic>
+
 inline constexpr size_t STK_IF_NAME_SIZE = 17; // a kernel device name in a handler: 16 characters and a NUL
 inline constexpr size_t INTF_NAME_LENGTH = 60; // longest interface name that the platform delivers
 inline constexpr uint32_t MIREL_INT_IF_TABLE_SIZE = 1035;
@@ -16,8 +18,9 @@ struct MirelIntIfInfo {
   Relaxed<uint32_t> ipstkIfIndex; // 0 = unknown
 };
 
-// Indexed by interface number; null until allocated, an all-zero entry is an unpopulated one.
-extern MirelIntIfInfo *mirelIntIfInfoTable;
+// Indexed by interface number; null until allocated, an all-zero entry is an unpopulated one. The kernel route listener runs
+// before the table is there.
+extern std::atomic<MirelIntIfInfo *> mirelIntIfInfoTable;
 
 int mirelIntIfInfoAllocate();
 

@@ -4,6 +4,7 @@
 #include "mirel_debug.h"
 #include "mirel_router_table.h"
 #include "qvproc.h"
+#include "rto_netlink.h"
 
 #include <charconv>
 #include <cstdio>
@@ -51,6 +52,8 @@ constexpr ShellOperation OPERATIONS[] = {
     without("mirelBestRouteClientShow", mirelBestRouteClientShow),
     without("mirelRouterEventClientShow", mirelRouterEventClientShow),
     with("mirelIntIfInfoShow", "<interface number, 0 = all>", mirelIntIfInfoShow),
+    without("rtoNetlinkStatsShow", rtoNetlinkStatsShow),
+    without("rtoNetlinkStatsClear", rtoNetlinkStatsClear),
 };
 
 // A 32-bit number, decimal or with 0x in front; nothing may stand around it.

@@ -61,7 +61,7 @@ TEST_F(DebugTest, EveryOperationIsRegisteredUnderItsName) {
        {"mirelDebugFlagsSet", "mirelDebugFlagsGet", "rtoDebugMaskGet", "rtoDebugMaskSet", "rtoDebugDisableAll",
         "rtoDebugEnableAll", "mirelBestRoutePollTimeSet", "mirelBestRouteApplyTimeSet", "mirelStatsShow",
         "mirelEventCountShow", "mirelIntfEventCountShow", "mirelStatsClear", "mirelBestRouteClientShow",
-        "mirelRouterEventClientShow", "mirelIntIfInfoShow"}) {
+        "mirelRouterEventClientShow", "mirelIntIfInfoShow", "rtoNetlinkStatsShow", "rtoNetlinkStatsClear"}) {
     EXPECT_TRUE(registered.contains(name)) << name;
   }
 }
@@ -228,7 +228,7 @@ TEST_F(DebugTest, BadArgumentsChangeNothing) {
 // The shell runs operations on its own thread; the thread sanitizer watches what both touch.
 TEST_F(DebugTest, OperationsWhileTheMainThreadWorks) {
   mirelIntIfInfoAllocate();
-  const std::unique_ptr<MirelIntIfInfo[]> table(mirelIntIfInfoTable);
+  const std::unique_ptr<MirelIntIfInfo[]> table(mirelIntIfInfoTable.load());
   std::atomic<int> rounds = 0;
   testing::internal::CaptureStdout();
   std::thread shell([&rounds] {

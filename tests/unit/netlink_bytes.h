@@ -55,9 +55,8 @@ inline Bytes cut(size_t by, Bytes bytes) {
 }
 
 // The same bytes with another one at a place.
-inline Bytes with(size_t at, uint8_t value, Bytes bytes) {
-  bytes[at] = static_cast<char>(value);
-  return bytes;
+inline Bytes with(size_t at, uint8_t value, const Bytes &bytes) {
+  return bytes.substr(0, at) + static_cast<char>(value) + bytes.substr(at + 1);
 }
 
 // Hands the bytes over in a buffer of their very size, so that the sanitizers see every byte that is read behind it.

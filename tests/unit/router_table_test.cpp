@@ -13,7 +13,7 @@ class RouterTableTest : public CoreTest {
 protected:
   RouterTableTest() {
     mirelIntIfInfoAllocate();
-    table.reset(mirelIntIfInfoTable);
+    table.reset(mirelIntIfInfoTable.load());
   }
   ~RouterTableTest() override { mirelIntIfInfoTable = nullptr; }
 

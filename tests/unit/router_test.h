@@ -37,7 +37,7 @@ protected:
 
   RouterTest() {
     mirelIntIfInfoAllocate();
-    table.reset(mirelIntIfInfoTable);
+    table.reset(mirelIntIfInfoTable.load());
     rppi_evnt_client_id = 5;
     rppi_evnt_keepalive_time = 0;
     startAgain();

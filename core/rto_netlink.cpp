@@ -1,0 +1,240 @@
+// The route netlink listener: a thread that owns one socket, bound to the route notifications of the namespace, and its
+// receive buffer. It never waits for anything but the socket, except when notifications were lost: then it asks for the
+// whole main table, at most once a second.
+
+#include "rto_netlink.h"
+
+#include "netlink_filter.h"
+#include "rto_netlink_trace.h"
+#include "unique_fd.h"
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <poll.h>
+#include <sys/socket.h>
+
+Counter numRtoNetlinkRxErrors;
+
+namespace {
+
+constexpr char LOG_AREA[] = "application/routing/mirel/core/rto_netlink";
+
+constexpr size_t RECEIVE_SIZE = 8192;
+constexpr int SOCKET_BUFFER_SIZE = 1048576;
+constexpr uint32_t ROUTE_GROUPS = RTMGRP_IPV4_ROUTE | RTMGRP_IPV6_ROUTE;
+constexpr uint32_t REOPEN_MSEC = 1000;
+constexpr uint32_t TABLE_INTERVAL_MSEC = 1000;
+
+enum ListenEnd : int { LISTEN_ENDED = 1, LISTEN_MALFORMED = 2 };
+
+alignas(nlmsghdr) std::array<std::byte, RECEIVE_SIZE> receiveBuffer;
+
+// What is owed when notifications were lost.
+struct LostNotifications {
+  bool tableIncomplete = false;
+  uint32_t askedAt = 0; // milliseconds since boot
+} lost;
+
+bool buffersEnlarge(int sock) {
+  if (setsockopt(sock, SOL_SOCKET, SO_SNDBUF, &SOCKET_BUFFER_SIZE, sizeof SOCKET_BUFFER_SIZE) != 0) {
+    const int error = errno;
+    qvproc_logf(SEVERITY_ERROR, COMPONENT_RTO_NETLINK, LOG_AREA, __LINE__,
+                "Netlink socket: Set socket option failed for option SO_SNDBUF, Error - %s\n", strerror(error));
+    return false;
+  }
+  // Beyond the system's limit for receive buffers, if the agent has the right to.
+  if (setsockopt(sock, SOL_SOCKET, SO_RCVBUFFORCE, &SOCKET_BUFFER_SIZE, sizeof SOCKET_BUFFER_SIZE) == 0) {
+    return true;
+  }
+  if (setsockopt(sock, SOL_SOCKET, SO_RCVBUF, &SOCKET_BUFFER_SIZE, sizeof SOCKET_BUFFER_SIZE) != 0) {
+    const int error = errno;
+    qvproc_logf(SEVERITY_ERROR, COMPONENT_RTO_NETLINK, LOG_AREA, __LINE__,
+                "Netlink socket: Set socket option failed for option SO_RCVBUF, Error - %s\n", strerror(error));
+    return false;
+  }
+  return true;
+}
+
+bool localAddressBind(int sock, uint32_t groups) {
+  sockaddr_nl local{};
+  local.nl_family = AF_NETLINK;
+  local.nl_groups = groups;
+  if (bind(sock, reinterpret_cast<const sockaddr *>(&local), sizeof local) != 0) {
+    qvproc_logf(SEVERITY_ERROR, COMPONENT_RTO_NETLINK, LOG_AREA, __LINE__, "Cannot bind netlink socket");
+    return false;
+  }
+  socklen_t length = sizeof local;
+  if (getsockname(sock, reinterpret_cast<sockaddr *>(&local), &length) != 0) {
+    qvproc_logf(SEVERITY_ERROR, COMPONENT_RTO_NETLINK, LOG_AREA, __LINE__, "Cannot getsockname");
+    return false;
+  }
+  if (length != sizeof local) {
+    qvproc_logf(SEVERITY_ERROR, COMPONENT_RTO_NETLINK, LOG_AREA, __LINE__, "Incorrect address length %d",
+                static_cast<int>(length));
+    return false;
+  }
+  if (local.nl_family != AF_NETLINK) {
+    qvproc_logf(SEVERITY_ERROR, COMPONENT_RTO_NETLINK, LOG_AREA, __LINE__, "Incorrect address family %d",
+                local.nl_family);
+    return false;
+  }
+  return true;
+}
+
+// Asks for the whole table if it is due, and otherwise waits for a message until it is. Returns when there may be one.
+void lossMakeUpFor(RtoNetlinkHandle *handle) {
+  const uint32_t since = osapiUpTimeMillisecondsGet() - lost.askedAt;
+  pollfd readable{.fd = handle->fd, .events = POLLIN, .revents = 0};
+  if (since < TABLE_INTERVAL_MSEC && poll(&readable, 1, static_cast<int>(TABLE_INTERVAL_MSEC - since)) != 0) {
+    return;
+  }
+  lost.tableIncomplete = false; // what is lost from now on is owed again
+  if (!rtoMainTableProcess(handle, receiveBuffer)) {
+    lost.tableIncomplete = true;
+  }
+  lost.askedAt = osapiUpTimeMillisecondsGet();
+}
+
+// As recvmsg(). After a loss the kernel drops further notifications without a new error until the socket's queue is empty,
+// so the table is asked for only when a receive that does not wait has found nothing.
+ssize_t datagramReceive(RtoNetlinkHandle *handle, msghdr *message) {
+  while (lost.tableIncomplete) {
+    const ssize_t received = recvmsg(handle->fd, message, MSG_DONTWAIT);
+    if (received >= 0 || errno != EAGAIN) {
+      return received;
+    }
+    lossMakeUpFor(handle);
+  }
+  return recvmsg(handle->fd, message, 0);
+}
+
+void truncationReport(int flags) {
+  MIREL_TRACE(TRACE_RTO_FAILURE, "rtoNetlinkListen", "Truncated message encountered - msg flags 0x%x\n", flags);
+  qvproc_logf(SEVERITY_ERROR, COMPONENT_RTO_NETLINK, LOG_AREA, __LINE__,
+              "Truncated message encountered - msg flags 0x%x", flags);
+}
+
+} // namespace
+
+void *rtoNetlinkLinuxUpdatesHandler(void *) {
+  const RtoCallTrace call("rtoNetlinkLinuxUpdatesHandler");
+  for (;;) {
+    RtoNetlinkHandle handle;
+    if (rtoNetlinkSocketOpen(&handle, ROUTE_GROUPS, NETLINK_ROUTE) != 0) {
+      qvproc_logf(SEVERITY_CRITICAL, COMPONENT_RTO_NETLINK, LOG_AREA, __LINE__, "failed to open netlink socket");
+      osapiSleepMSec(REOPEN_MSEC);
+      continue;
+    }
+    rtoNetlinkListen(&handle, rtoAcceptMsg);
+    qvproc_logf(SEVERITY_CRITICAL, COMPONENT_RTO_NETLINK, LOG_AREA, __LINE__,
+                "RtNetlink failed to listen to netlink socket.");
+    rtoNetlinkSocketClose(&handle);
+  }
+}
+
+int rtoNetlinkSocketOpen(RtoNetlinkHandle *handle, uint32_t groups, int protocol) {
+  const RtoCallTrace call("rtoNetlinkSocketOpen");
+  UniqueFd sock(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, protocol));
+  if (!sock) {
+    qvproc_logf(SEVERITY_ERROR, COMPONENT_RTO_NETLINK, LOG_AREA, __LINE__, "failed to open netlink socket");
+    return 1;
+  }
+  netlinkOwnRoutesDrop(sock.get());
+  if (!buffersEnlarge(sock.get()) || !localAddressBind(sock.get(), groups)) {
+    return 1;
+  }
+  *handle = {.fd = sock.release(), .sequence = static_cast<uint32_t>(time(nullptr))};
+  return 0;
+}
+
+void rtoNetlinkSocketClose(RtoNetlinkHandle *handle) {
+  const RtoCallTrace call("rtoNetlinkSocketClose");
+  close(handle->fd);
+  handle->fd = -1;
+}
+
+int rtoNetlinkListen(RtoNetlinkHandle *handle, RtoMessageHandler handler) {
+  constexpr const char *OPERATION = "rtoNetlinkListen";
+  const RtoCallTrace call(OPERATION);
+  for (;;) {
+    sockaddr_nl sender{};
+    iovec bytes{.iov_base = receiveBuffer.data(), .iov_len = receiveBuffer.size()};
+    msghdr message{};
+    message.msg_name = &sender;
+    message.msg_namelen = sizeof sender;
+    message.msg_iov = &bytes;
+    message.msg_iovlen = 1;
+    const ssize_t received = datagramReceive(handle, &message);
+    const int error = errno;
+    MIREL_TRACE(TRACE_RTO_DETAIL, OPERATION, " rx message status %d \n", static_cast<int>(received));
+    if (received < 0) {
+      ++numRtoNetlinkRxErrors;
+      lost.tableIncomplete = lost.tableIncomplete || error == ENOBUFS;
+      continue;
+    }
+    if (received == 0) {
+      MIREL_TRACE(TRACE_RTO_FAILURE, OPERATION, "EOF on netlink\n");
+      qvproc_logf(SEVERITY_ERROR, COMPONENT_RTO_NETLINK, LOG_AREA, __LINE__, "EOF on netlink");
+      return LISTEN_ENDED;
+    }
+    if (message.msg_namelen != sizeof sender) {
+      const auto length = static_cast<int>(message.msg_namelen);
+      MIREL_TRACE(TRACE_RTO_FAILURE, OPERATION, "Unexpected sender address length == %d\n", length);
+      qvproc_logf(SEVERITY_ERROR, COMPONENT_RTO_NETLINK, LOG_AREA, __LINE__, "Unexpected sender address length == %d",
+                  length);
+      return LISTEN_MALFORMED;
+    }
+    const int result = rtoDatagramProcess(NetlinkBytes(receiveBuffer).first(static_cast<size_t>(received)),
+                                          message.msg_flags, handler);
+    if (result != 0) {
+      return result;
+    }
+  }
+}
+
+int rtoDatagramProcess(NetlinkBytes rest, int flags, RtoMessageHandler handler) {
+  constexpr const char *OPERATION = "rtoNetlinkListen";
+  const bool truncated = (flags & MSG_TRUNC) != 0;
+  nlmsghdr header;
+  while (rest.size() >= sizeof header) {
+    memcpy(&header, rest.data(), sizeof header);
+    const auto length = static_cast<int>(header.nlmsg_len);
+    const int remaining = length - static_cast<int>(sizeof header);
+    MIREL_TRACE(TRACE_RTO_DETAIL, OPERATION, " in while : bytesProc %d msg_len %d remain_msgLen %d \n\n",
+                static_cast<int>(rest.size()), length, remaining);
+    NetlinkMessage message;
+    if (!NetlinkMessage::parse(rest, message)) {
+      if (truncated) {
+        truncationReport(flags);
+        return LISTEN_ENDED;
+      }
+      MIREL_TRACE(TRACE_RTO_FAILURE, OPERATION, "Malformed message encountered: len=%d\n\n", length);
+      qvproc_logf(SEVERITY_ERROR, COMPONENT_RTO_NETLINK, LOG_AREA, __LINE__, "Malformed message encountered: len=%d\n",
+                  length);
+      return LISTEN_MALFORMED;
+    }
+    const int result = handler(message);
+    if (result != 0) {
+      MIREL_TRACE(TRACE_RTO_FAILURE, OPERATION, "Call to processMessage failed. Error %d\n", result);
+      return result;
+    }
+    rest = rest.subspan(std::min<size_t>(NLMSG_ALIGN(message.length), rest.size()));
+    MIREL_TRACE(TRACE_RTO_DETAIL, OPERATION, " in while after proc : bytesProc %d msg_len %d remain_msgLen %d \n\n",
+                static_cast<int>(rest.size()), length, remaining);
+  }
+  if (truncated) {
+    truncationReport(flags);
+    return 0;
+  }
+  if (!rest.empty()) {
+    const auto remnant = static_cast<int>(rest.size());
+    MIREL_TRACE(TRACE_RTO_FAILURE, OPERATION, "Encountered message remnant of size %d after processing message.\n\n",
+                remnant);
+    qvproc_logf(SEVERITY_ERROR, COMPONENT_RTO_NETLINK, LOG_AREA, __LINE__,
+                "Encountered message remnant of size %d after processing message\n", remnant);
+    return LISTEN_MALFORMED;
+  }
+  return 0;
+}

@@ -13,6 +13,7 @@
 #include "mirel_router.h"
 #include "mirel_router_table.h"
 #include "mirel_trace.h"
+#include "rto_netlink.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -149,6 +150,12 @@ void kernelUpdateSocketInit() {
               "Successfully initialized the Mirel netlink socket for updates to Kernel (VRF namespce).\n");
 }
 
+void routeImportStart() {
+  rtoNetlinkInit();
+  MIREL_TRACE(TRACE_RTO_SUCCESS, OPERATION,
+              "Successfully created threads to handle Kernel to DX Route notifications.\n");
+}
+
 void routeTypesRegister() {
   if (vrfRouteTypesRegister() != 0) {
     MIREL_TRACE(TRACE_RTO_FAILURE, OPERATION, "Failed to register Route Types with TARN RTO.\n");
@@ -228,6 +235,7 @@ int main(int argc, char **argv) {
   arpSocketCreate();
   arpNetlinkInit();
   kernelUpdateSocketInit();
+  routeImportStart();
   mirelIntIfInfoAllocate();
   routeTypesRegister();
   routerEventsStart();

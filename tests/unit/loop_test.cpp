@@ -494,6 +494,41 @@ TEST(Loop, InterruptedSelectRunsNoTimers) {
   EXPECT_NE(std::search(lines.begin(), lines.end(), failed.begin(), failed.end()), lines.end());
 }
 
+// Listener and task on their threads, beside the loop that enables the interface.
+TEST(Loop, RoutesOfOtherPrograms) {
+  shell("ip link add rt1 type veth peer name h1 && ip link set rt1 up && ip link set h1 up");
+  AgentProcess agent;
+  agent.passes(1);
+  std::string enable = eventDatagram(107, 164);
+  const uint32_t intIfNum = 5;
+  memcpy(enable.data() + 8, &intIfNum, sizeof intIfNum);
+  ASSERT_TRUE(sendDatagram(ROUTER_EVENT_SOCKET, enable));
+  agent.passes();
+  const auto reports = [&agent](const std::string &report) {
+    const std::string line = "rpcclt_tarnapiKernelRoute" + report;
+    for (int pass = 0; pass < 1000; ++pass) {
+      const Lines lines = agent.trace();
+      if (std::find(lines.begin(), lines.end(), line) != lines.end()) {
+        return true;
+      }
+      agent.passes(1);
+    }
+    return false;
+  };
+  const std::string route = "Vr 3 10.50.0.0/16 type 2 proto 7 reject 0 discard 0 report 1 metric 77 hops 1 [36] via "
+                            "10.9.0.7 5";
+  shell("ip addr add 10.9.0.1/24 dev rt1 && ip route add 10.50.0.0/16 via 10.9.0.7 metric 77");
+  EXPECT_TRUE(
+      reports("AddVr 3 10.9.0.0/24 type 2 proto 7 reject 0 discard 0 report 1 metric 0 hops 1 [36] via 0.0.0.0 5"));
+  EXPECT_TRUE(reports("Add" + route));
+  shell("ip route del 10.50.0.0/16");
+  EXPECT_TRUE(reports("Del" + route));
+  EXPECT_THAT(agent.run("rtoNetlinkStatsShow"), StartsWith("\nCount of successful route add: 2\n"
+                                                           "\nCount of unsuccessful route add: 0\n"
+                                                           "\nCount of successful route delete: 1\n"));
+  shell("ip link del rt1");
+}
+
 // Such a socket cannot be watched, and must not be written past the end of the set.
 TEST(Loop, DescriptorsBeyondTheSet) {
   AgentProcess agent(AgentOptions{.beforeExec = [] {

@@ -59,6 +59,7 @@ TEST(StartUp, OrderOfCalls) {
       "system rm -rf /tmp/mirel-03",
       "system mkdir /tmp/mirel-03",
       "procOsapiRouteNetlinkSocketInit netlink-request_dx-to-kernel",
+      "osapiMsgQueueCreate Ext route_queue 1024 8",
       "rpcclt_tarnapiRoutingProtocolRegister 3 1 kernel[7] K[2] 7",
       "rpcclt_tarnapiRouteTypeRegister 1 7 Kernel[7] [1]",
       "rpcclt_tarnapiRouterEventRegister 1 " + std::to_string(agent.pid()) + " 3 mirel:3[8]",
@@ -72,7 +73,8 @@ TEST(StartUp, OrderOfCalls) {
       "rpcclt_tarnapiBestRouteEventRegisterVr 3 1 " + std::to_string(agent.pid()) + " mirel:3[8]",
   };
   EXPECT_THAT(startUp(agent), ElementsAreArray(expected));
-  EXPECT_THAT(agent.trace(), Contains("select /tmp/mirel-03/arp-socket /tmp/rppi_brc.0007 /tmp/rppi_rec.0005 netlink 1.0s"));
+  EXPECT_THAT(agent.trace(),
+              Contains("select /tmp/mirel-03/arp-socket /tmp/rppi_brc.0007 /tmp/rppi_rec.0005 netlink 1.0s"));
   EXPECT_EQ(agent.output(), "");
 }
 
@@ -89,7 +91,7 @@ TEST(StartUp, OperationsAreThereWhenTheShellOpens) {
     }
   }
   EXPECT_TRUE(open);
-  EXPECT_GE(registered, 15);
+  EXPECT_GE(registered, 17);
 }
 
 TEST(StartUp, Arguments) {
@@ -144,6 +146,10 @@ TEST(StartUp, FatalSteps) {
       {"procOsapiRouteNetlinkSocketInit: 1",
        "exit 0",
        {log(3, "[VRF \"blue\"]: Failed to initialize the Mirel netlink socket for updates to Kernel (VRF namespce).")}},
+      {"osapiMsgQueueCreate: 1",
+       "exit 0",
+       {"log 3 156 application/routing/mirel/core/rto_netlink [VRF \"blue\"]: ERROR: Failed to create "
+        "RtoNetlink-rtoExtRoute_queue."}},
       {"rpcclt_tarnapiRouterEventRegister: -22",
        "exit 0",
        {routerLog(3, "[VRF \"blue\"]: Failed to register as router event client (err = -22)."),

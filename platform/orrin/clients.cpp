@@ -178,10 +178,12 @@ void resumeClients(Switch &sw) {
       continue;
     }
     const uint32_t process = client.process != 0 ? client.process : client.pid;
+    client.registered = false;
     if (processExists(process) && processStartTime(process) == client.started) {
+      if (client.kind == ClientKind::ROUTER_EVENT && !client.walked) {
+        startOver(sw, client); // it may have been reading the interfaces when their orrin ended
+      }
       activate(sw, client, openProcess(process));
-    } else {
-      client.registered = false;
     }
   }
 }

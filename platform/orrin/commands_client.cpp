@@ -67,6 +67,15 @@ bool clientSettled(Switch &sw, Words &words, std::string &out) {
   return true;
 }
 
+bool clientWalked(Switch &sw, Words &words, std::string &out) {
+  Client *client = nullptr;
+  if (!takeRestoredClient(sw, words, client, out) || !takeEnd(words, out)) {
+    return false;
+  }
+  client->walked = true;
+  return true;
+}
+
 bool clientWithdrawn(Switch &sw, Words &words, std::string &out) {
   Client *client = nullptr;
   Prefix prefix;
@@ -102,6 +111,7 @@ constexpr Command COMMANDS[] = {
     {"client best-route", clientBestRoute, false},
     {"client router-event", clientRouterEvent, false},
     {"client settled", clientSettled, false},
+    {"client walked", clientWalked, false},
     {"client withdrawn", clientWithdrawn, false},
     {"client event", clientEvent, false},
     {"client next", clientNext, false},

@@ -127,6 +127,10 @@ void appendUnfinished(const Interface &interface, std::string &out) {
 
 void appendClient(const Client &client, std::string &out) {
   out.append(clientLine(client)).append(1, '\n');
+  if (client.walked) {
+    appendNumber(out += "client walked ", client.id);
+    out += '\n';
+  }
   const auto withdrawn = client.changes.withdrawn();
   for (auto place = withdrawn.first(); const auto *entry = withdrawn.at(place); place = withdrawn.next(place)) {
     appendNumber(out += "client withdrawn ", client.id);

@@ -27,11 +27,6 @@ void awaitAcknowledgement(Switch &sw, Interface &interface, Interface::State sta
                      wait);
 }
 
-// Enabled, and the VRF routes: else the interface stays down until it does.
-bool mayBeUp(const Switch &sw, const Interface &interface) {
-  return interface.wanted && sw.vrfs.at(interface.vrf).routing;
-}
-
 void goUp(Switch &sw, Interface &interface) {
   interface.bounce = false;
   interface.hostMode = false;
@@ -87,6 +82,10 @@ void resendRoutes(Switch &sw, const Interface &interface) {
 const char *stateName(Interface::State state) {
   constexpr const char *NAMES[] = {"down", "up-pending", "up", "down-pending"};
   return NAMES[state];
+}
+
+bool mayBeUp(const Switch &sw, const Interface &interface) {
+  return interface.wanted && sw.vrfs.at(interface.vrf).routing;
 }
 
 RppiEventMsg routerEvent(uint16_t type, uint32_t interface) {

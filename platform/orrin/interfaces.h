@@ -16,6 +16,9 @@ enum class ConfigChange : uint32_t {
   VRRP = 6,
 };
 
+// Enabled, and the VRF routes: else the interface stays down until it does.
+bool mayBeUp(const Switch &sw, const Interface &interface);
+
 RppiEventMsg routerEvent(uint16_t type, uint32_t interface = 0);
 RppiEventMsg configEvent(ConfigChange change, uint32_t interface = 0);
 RppiEventMsg addressEvent(uint32_t interface, const InterfaceAddress &address, bool add);

@@ -121,7 +121,13 @@ bool configure(Switch &sw, const Options &options) {
   } else if (!options.script.empty() && !runScript(sw, options.script, error)) {
     return fail(error);
   }
+  return true;
+}
+
+// Behind the listeners: a client that is told of events asks back at once, and a refused question is a lost one.
+bool resume(Switch &sw) {
   resumeClients(sw);
+  std::string error;
   return writeState(sw, error) || fail(error);
 }
 
@@ -276,6 +282,9 @@ int main(int argc, char **argv) {
   ControlServer control(sw);
   if (std::string error; !control.open(path + ".control", error) || !api.open(path, error)) {
     fail(error);
+    return EXIT_FAILURE;
+  }
+  if (!resume(sw)) {
     return EXIT_FAILURE;
   }
   Loop(sw, api, control).run();

@@ -1,6 +1,8 @@
 // The calls that read router interfaces. Used by orrin's one thread.
 
+#include "interfaces.h"
 #include "request_handlers.h"
+#include "router_events.h"
 #include "tarnapi.h"
 
 #include <algorithm>
@@ -41,11 +43,12 @@ int32_t interfaceNextGet(const Call &call) {
     return TARN_NOT_FOUND;
   }
   for (auto entry = call.sw.interfaces.upper_bound(call.args[1]); entry != call.sw.interfaces.end(); ++entry) {
-    if (entry->second.vrf == call.args[0] && entry->second.wanted) {
+    if (entry->second.vrf == call.args[0] && mayBeUp(call.sw, entry->second)) {
       call.value(0, entry->first);
       return TARN_OK;
     }
   }
+  noteWalked(call.sw, call.args[0], call.context.process);
   return TARN_NO_MORE;
 }
 

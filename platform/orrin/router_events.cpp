@@ -56,8 +56,10 @@ void keepEvent(Switch &sw, Client &client, RppiEventMsg event) {
   client.hadEvents = true;
 }
 
-// All that a client has not acknowledged gives way to the interfaces as they are.
+} // namespace
+
 void startOver(Switch &sw, Client &client) {
+  client.walked = true;
   client.events.clear();
   client.outbox.clear();
   if (sw.vrfs.at(client.vrf).routing) {
@@ -74,8 +76,6 @@ void startOver(Switch &sw, Client &client) {
     deliverEvents(sw, client);
   }
 }
-
-} // namespace
 
 uint32_t firstEventSequence(const Switch &sw) {
   constexpr uint64_t STARTS = 2048; // and then over again
@@ -110,6 +110,16 @@ void greetNewcomer(Switch &sw, Client &client) {
       for (const VrrpGroup &group : interface.vrrp) {
         keepEvent(sw, client, vrrpEvent(number, group, true));
       }
+    }
+  }
+}
+
+void noteWalked(Switch &sw, uint32_t vrf, uint32_t process) {
+  for (auto &[id, client] : sw.clients) {
+    const uint32_t owner = client.process != 0 ? client.process : client.pid;
+    if (client.kind == ClientKind::ROUTER_EVENT && client.vrf == vrf && owner == process && !client.walked) {
+      client.walked = true;
+      sw.journal.append("client walked " + std::to_string(id));
     }
   }
 }

@@ -24,6 +24,12 @@ bool eventIsAwaited(const Switch &sw, uint32_t vrf, uint32_t sequence);
 // What a client without a forerunner cannot ask for: the VRRP addresses of the interfaces that are up.
 void greetNewcomer(Switch &sw, Client &client);
 
+// All that a client has not acknowledged gives way to the interfaces as they are.
+void startOver(Switch &sw, Client &client);
+
+// A process has read the interfaces of a VRF to the end: its clients lack nothing but what events tell.
+void noteWalked(Switch &sw, uint32_t vrf, uint32_t process);
+
 // After a client was registered: everything that it has to know is sent.
 void deliverEvents(Switch &sw, Client &client);
 

@@ -122,6 +122,7 @@ struct Client {
   ChangeQueue changes;             // BEST_ROUTE
   std::deque<RppiEventMsg> events; // ROUTER_EVENT: not acknowledged, ascending by eventSeq
   bool hadEvents = false;          // since the journal says that none was left
+  bool walked = false;             // ROUTER_EVENT: has read the interfaces to the end, or is told them all by events
 };
 
 struct Protocol {

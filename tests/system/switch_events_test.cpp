@@ -23,6 +23,13 @@ protected:
     socket = std::make_unique<EventSocket>(ROUTER_EVENT_SOCKET, id);
   }
 
+  // Reads the interfaces to the end, as an agent does that starts.
+  void walk() {
+    uint32_t number = 0;
+    while (rpcclt_tarnapiRtrIntfNextGetVrf(client, VRF, number, &number) == TARN_OK) {
+    }
+  }
+
   // The next event; a zeroed one when none comes.
   RppiEventMsg next(int milliseconds = 2000) {
     for (;;) {
@@ -217,7 +224,18 @@ TEST_F(SwitchEvents, WhatWasNotAcknowledgedGoesToTheNextOfTheName) {
   nothingFollows();
 }
 
+TEST_F(SwitchEvents, AClientThatHadNotReadTheInterfacesIsToldThemByTheNextOrrin) {
+  orrin.run("interface enable 11");
+  EXPECT_EQ(handle(2), UP);
+  orrin.end(SIGKILL);
+  orrin.start();
+  const Types told = handle(4); // down first, whatever it was
+  EXPECT_EQ(told, (Types{TARNR_RTR_STARTUP_DONE, TARNR_RTR_INTF_DISABLE, UP[0], UP[1]}));
+  nothingFollows();
+}
+
 TEST_F(SwitchEvents, AnOrrinStartedAnewSendsWhatWasNotAcknowledged) {
+  walk();
   orrin.run("interface enable 11");
   EXPECT_EQ(handle(2), UP);
   orrin.run("interface set 11 mtu 1300");

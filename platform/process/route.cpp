@@ -139,6 +139,11 @@ NetlinkResult remove(RouteNetlinkSock *sock, const Route &route) {
   return netlinkAsk(sock->fd, sock->seq, request);
 }
 
+// Whatever way we gave the prefix.
+Route ownRouteOf(const Route &route) {
+  return {route.dest, route.prefixLength, 0, 0, false};
+}
+
 // Puts the route in the place of our own route of the prefix. Never with NLM_F_REPLACE, which takes the place of the first
 // route of the prefix, whoever made it; creating without NLM_F_EXCL goes in front of another program's route.
 NetlinkResult install(RouteNetlinkSock *sock, const Route &route, OnLink onLink) {
@@ -146,8 +151,7 @@ NetlinkResult install(RouteNetlinkSock *sock, const Route &route, OnLink onLink)
   if (!first.carried || first.error != EEXIST) {
     return first;
   }
-  const Route samePrefix = {route.dest, route.prefixLength, 0, 0, false};
-  const NetlinkResult removed = remove(sock, samePrefix);
+  const NetlinkResult removed = remove(sock, ownRouteOf(route));
   if (!removed.carried || (removed.error != 0 && removed.error != ESRCH)) {
     return removed;
   }
@@ -200,12 +204,15 @@ extern "C" int32_t procOsapiAddMRoute(uint32_t dest, uint32_t mask, uint32_t gat
   const Route route = {dest, static_cast<uint8_t>(prefixLength), reject ? 0 : gateway, 0, reject};
 
   const std::lock_guard lock(routeNetlinkLock);
-  if (!throughDevice) {
-    return installResult(install(sock, route, OnLink::no));
+  NetlinkResult result = throughDevice ? installThrough(sock, route, device) : install(sock, route, OnLink::no);
+  if (throughDevice && result.carried && result.error == ENODEV && deviceIndexes.forget(device)) {
+    result = installThrough(sock, route, device);
   }
-  const NetlinkResult result = installThrough(sock, route, device);
-  const bool again = result.carried && result.error == ENODEV && deviceIndexes.forget(device);
-  return installResult(again ? installThrough(sock, route, device) : result);
+  if (result.carried && result.error != 0) {
+    // The kernel looks at the new way before it looks for an old one, which is wrong now whatever it says of the new.
+    remove(sock, ownRouteOf(route));
+  }
+  return installResult(result);
 }
 
 extern "C" int32_t procOsapiDeleteMRoute(uint32_t dest, uint32_t mask, uint32_t gateway, uint32_t, const char *device,

@@ -102,6 +102,14 @@ TEST_F(Routes, takesThePlaceOfItsOwnRouteOnly) {
   EXPECT_EQ(del("20.0.0.0", 24), NO_SUCH_ROUTE);
 }
 
+TEST_F(Routes, refusedWayTakesTheOldOneWithIt) {
+  EXPECT_EQ(add("20.0.0.0", 24, "10.0.0.2", "rt1"), 0);
+  shell("ip route append 20.0.0.0/24 via 10.0.0.9 proto static");
+  shell("ip link set rt2 down");
+  EXPECT_EQ(add("20.0.0.0", 24, "10.0.2.2", "rt2"), REFUSED);
+  EXPECT_EQ(routes("exact 20.0.0.0/24"), Lines{"1 20.0.0.0/24 via 10.0.0.9 dev rt1 proto 4 scope 0"});
+}
+
 TEST_F(Routes, anotherProgramsRoutesSurvive) {
   shell("ip route add 20.0.0.0/24 via 10.0.0.9 proto static");
   shell("ip route add 20.0.0.0/24 via 10.0.0.8 proto static metric 100");
@@ -177,7 +185,7 @@ TEST_F(Routes, staleAnswersAreNotTakenForAnothers) {
     ASSERT_EQ(send(sock.fd, &bad, sizeof bad, 0), static_cast<ssize_t>(sizeof bad));
   }
   EXPECT_EQ(add("20.0.0.0", 24, "10.0.0.2", "rt1"), 0);
-  EXPECT_EQ(add("20.0.0.0", 24, "10.0.0.2", "rt7"), REFUSED);
+  EXPECT_EQ(add("21.0.0.0", 24, "10.0.0.2", "rt7"), REFUSED);
   EXPECT_EQ(del("20.0.0.0", 24), REMOVED);
 }
 

@@ -13,6 +13,15 @@ def test_all_three_are_measured():
         assert [len(line) for line in cells] == [13, 9], done.stdout  # rates of three programs, ratios to two
 
 
+def test_interfaces_are_measured():
+    done = subprocess.run([labnet.ROOT / "bench" / "interfaces", "--count", "20", "--runs", "1"], text=True, capture_output=True)
+    assert done.returncode == 0, done.stderr
+    for row in ("enable", "change", "disable"):
+        rates, shares = [line.split() for line in done.stdout.splitlines() if line.strip().startswith(row)]
+        spent = [int(word) for word in shares[1::6] if word.isdigit()]
+        assert 0.0 < float(rates[1].replace(",", "")) and sum(spent) in (99, 100, 101), done.stdout
+
+
 def test_a_missing_and_an_unexpected_change_are_failures():
     vrf = labnet.make_vrf(3, "blue", links=1)
     labnet.dress(vrf, links=1)

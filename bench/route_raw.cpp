@@ -1,6 +1,7 @@
 // The yardstick for bench/routes: route requests sent to the kernel one at a time, each answer waited for, with as little
 // around them as a program can have: one message built once, one send() and one recv() a request. The requests are those
-// that the agent's process library makes, but for the acknowledgement. "count" reads the kernel's table back.
+// that the agent's process library makes, but for the acknowledgement. "count" reads the kernel's table back. For bench/import
+// it is another program than the agent: with a protocol of its own, and not faster than it is told to be.
 
 #include "unique_fd.h"
 
@@ -14,6 +15,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
 #include <net/if.h>
@@ -22,7 +24,8 @@
 
 namespace {
 
-constexpr uint8_t ROUTE_PROTOCOL = 25;
+constexpr uint8_t AGENT_PROTOCOL = 25;
+constexpr int64_t NSEC = 1'000'000'000;
 constexpr size_t DUMP_BUFFER_SIZE = 256 * 1024;
 
 [[noreturn]] void fail(const char *what, int error) {
@@ -31,7 +34,8 @@ constexpr size_t DUMP_BUFFER_SIZE = 256 * 1024;
 }
 
 [[noreturn]] void usage() {
-  fprintf(stderr, "usage: route_raw add|modify|del|count <first-prefix>/<length> <count> via <gateway> dev <device>\n");
+  fprintf(stderr, "usage: route_raw add|modify|del|count <first-prefix>/<length> <count> via <gateway> dev <device>"
+                  " [proto <number>] [rate <requests a second>]\n");
   exit(2);
 }
 
@@ -42,6 +46,8 @@ struct RouteRange {
   uint32_t count = 0;
   uint32_t gateway = 0;
   uint32_t device = 0;
+  uint8_t protocol = AGENT_PROTOCOL;
+  uint32_t rate = 0; // requests a second, 0 = as fast as they are answered
 
   uint32_t step() const { return uint32_t{1} << (32 - length); }
   uint32_t prefix(uint32_t index) const { return first + index * step(); }
@@ -67,7 +73,7 @@ uint32_t addressRead(const char *text) {
   return ntohl(address.s_addr);
 }
 
-RouteRange rangeRead(char **argv) {
+RouteRange rangeRead(int argc, char **argv) {
   char *slash = strchr(argv[2], '/');
   if (slash == nullptr || strcmp(argv[4], "via") != 0 || strcmp(argv[6], "dev") != 0) {
     usage();
@@ -81,6 +87,15 @@ RouteRange rangeRead(char **argv) {
   range.device = if_nametoindex(argv[7]);
   if (range.device == 0) {
     fail(argv[7], errno);
+  }
+  for (int word = 8; word < argc; word += 2) {
+    if (strcmp(argv[word], "proto") == 0) {
+      range.protocol = static_cast<uint8_t>(numberRead(argv[word + 1], UINT8_MAX));
+    } else if (strcmp(argv[word], "rate") == 0) {
+      range.rate = numberRead(argv[word + 1], UINT32_MAX);
+    } else {
+      usage();
+    }
   }
   const uint64_t end = range.first + (uint64_t{range.count} << (32 - range.length));
   if (range.length == 0 || range.first % range.step() != 0 || end > (uint64_t{1} << 32)) {
@@ -114,7 +129,7 @@ RouteRequest addition(const RouteRange &range) {
   request.route.rtm_family = AF_INET;
   request.route.rtm_dst_len = static_cast<uint8_t>(range.length);
   request.route.rtm_table = RT_TABLE_MAIN;
-  request.route.rtm_protocol = ROUTE_PROTOCOL;
+  request.route.rtm_protocol = range.protocol;
   request.route.rtm_scope = RT_SCOPE_UNIVERSE;
   request.route.rtm_type = RTN_UNICAST;
   request.route.rtm_flags = RTNH_F_ONLINK;
@@ -134,7 +149,7 @@ RouteRequest removal(const RouteRange &range) {
   request.route.rtm_family = AF_INET;
   request.route.rtm_dst_len = static_cast<uint8_t>(range.length);
   request.route.rtm_table = RT_TABLE_MAIN;
-  request.route.rtm_protocol = ROUTE_PROTOCOL;
+  request.route.rtm_protocol = range.protocol;
   request.route.rtm_scope = RT_SCOPE_NOWHERE;
   request.dstHeader = attribute(RTA_DST);
   return request;
@@ -175,12 +190,33 @@ void requestMake(int fd, RouteRequest &request, uint32_t prefix) {
   }
 }
 
+// Holds the requests back to the rate: the one with this number is due so long after the first.
+class Pace {
+public:
+  explicit Pace(uint32_t rate) : rate_(rate) { clock_gettime(CLOCK_MONOTONIC, &start_); }
+
+  void wait(uint32_t number) const {
+    if (rate_ == 0) {
+      return;
+    }
+    const int64_t due = start_.tv_nsec + int64_t{number} * NSEC / rate_;
+    const timespec until{.tv_sec = start_.tv_sec + due / NSEC, .tv_nsec = due % NSEC};
+    clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &until, nullptr);
+  }
+
+private:
+  const uint32_t rate_;
+  timespec start_{};
+};
+
 // A change is what it is for the agent: the old route is removed and the new one added, each on its own.
 void requestsMake(const RouteRange &range, bool remove, bool add) {
   const UniqueFd fd = routeSocketOpen();
   RouteRequest del = removal(range);
   RouteRequest set = addition(range);
+  const Pace pace(range.rate);
   for (uint32_t i = 0; i < range.count; ++i) {
+    pace.wait(i);
     const uint32_t prefix = range.prefix(i);
     if (remove) {
       requestMake(fd.get(), del, prefix);
@@ -192,13 +228,13 @@ void requestsMake(const RouteRange &range, bool remove, bool add) {
 }
 
 struct TableCount {
-  uint32_t all = 0;      // routes of the agent's protocol in the main table
+  uint32_t all = 0;      // routes of the protocol in the main table
   uint32_t expected = 0; // those of them that are in the range, through its gateway and device
 };
 
 void routeCount(const RouteRange &range, const nlmsghdr *header, TableCount &count) {
   const auto *route = static_cast<const rtmsg *>(NLMSG_DATA(header));
-  if (header->nlmsg_type != RTM_NEWROUTE || route->rtm_protocol != ROUTE_PROTOCOL ||
+  if (header->nlmsg_type != RTM_NEWROUTE || route->rtm_protocol != range.protocol ||
       route->rtm_table != RT_TABLE_MAIN) {
     return;
   }
@@ -275,11 +311,11 @@ void countPrint(const RouteRange &range) {
 } // namespace
 
 int main(int argc, char **argv) {
-  if (argc != 8) {
+  if (argc < 8 || argc % 2 != 0) {
     usage();
   }
   const std::string_view verb = argv[1];
-  const RouteRange range = rangeRead(argv);
+  const RouteRange range = rangeRead(argc, argv);
   if (verb == "add") {
     requestsMake(range, false, true);
   } else if (verb == "modify") {

@@ -18,7 +18,7 @@ def test_interfaces_are_measured():
     assert done.returncode == 0, done.stderr
     for row in ("enable", "change", "disable"):
         rates, shares = [line.split() for line in done.stdout.splitlines() if line.strip().startswith(row)]
-        spent = [int(word) for word in shares[1::6] if word.isdigit()]
+        spent = [int(word) for word in shares[1::7] if word.isdigit()]
         assert 0.0 < float(rates[1].replace(",", "")) and sum(spent) in (99, 100, 101), done.stdout
 
 

@@ -22,6 +22,8 @@ import labnet
 
 PID_FILE = pathlib.Path("/run") / f"mirel-lab{str(labnet.ROOT).replace('/', '-')}.pid"
 ONCE_TIMEOUT = 60
+KNOWN_TO_SWITCH = "10.2.0.50"  # a neighbour of rt2 that is not there
+FOREIGN = "198.51.100.0/24"  # a route that the switch does not have
 RESTART_AFTER = 2
 QUIET_REPORT_EVERY = 10
 
@@ -31,6 +33,7 @@ SETTINGS = """\
 interface set {a} mtu 1400 redirects 0
 interface secondary {a} add 10.11.0.1/24
 interface vrrp {b} label 7 add 10.2.0.254
+arp learn vrf {id} 10.2.0.50 mac 02:00:00:00:00:50 interface {b}
 route add vrf {id} 0.0.0.0/0 via 10.2.0.9 interface {b}
 route add vrf {id} 10.1.0.0/24 local via 10.1.0.1 interface {a}
 route add vrf {id} 10.2.0.0/24 local via 10.2.0.1 interface {b}
@@ -104,9 +107,9 @@ class Lab:
 
 
 def counts():
-    """A row for the interfaces and one for the routes of each VRF; none while the switch does not answer."""
+    """A row for each area of each VRF; none while the switch does not answer."""
     rows = []
-    for line in labnet.orrinctl("diff", "summary").stdout.splitlines():
+    for line in labnet.orrinctl("diff", *labnet.AREAS, "summary").stdout.splitlines():
         _, number, name, area, _, switch, _, wanted, _, kernel, _, different = line.split()
         rows.append((f"{number} {name} {area}", int(switch), int(wanted), int(kernel), int(different)))
     return rows
@@ -144,12 +147,12 @@ class Live:
 
 
 def switch_side(vrf):
-    """prefix -> what the switch says of it."""
+    """prefix -> what the switch says of it: its own route, or what the agent reported."""
     sides = {}
-    for line in labnet.orrinctl("dump", "vrf", vrf.id).stdout.splitlines():
-        words = line.split()
-        if words[:2] == ["route", "add"]:
-            sides[words[4]] = " ".join(words[5:])
+    for line in labnet.orrinctl("show", "routes", "vrf", vrf.id).stdout.splitlines()[1:]:
+        _, prefix, origin, best, options = line.split(maxsplit=4)
+        if best == "yes":
+            sides[prefix] = options if origin == "switch" else f"{options} (reported)"
     return sides
 
 
@@ -203,6 +206,39 @@ def ping_across(vrf):
     return done.stdout.splitlines()[1]
 
 
+def neighbours(vrf):
+    """address -> what the switch says of it, and the kernel."""
+    sides = {}
+    for entry in json.loads(labnet.orrinctl("show", "arp", "vrf", vrf.id, "json").stdout):
+        sides[entry["address"]] = [f"{entry['mac']} from the {entry['origin']}", "-"]
+    for entry in labnet.ip_json("-4", "neigh", "show", ns=vrf.name):
+        sides.setdefault(entry["dst"], ["-", "-"])[1] = f"{entry.get('lladdr', 'unknown')} dev {entry['dev']} {entry['state'][0]}"
+    return sides
+
+
+def show_neighbours(vrf):
+    """A packet to a neighbour that only the switch knows: the kernel asks, and the agent writes the switch's answer."""
+    ping = labnet.in_netns(vrf.host(1), "ping", "-c1", "-W1", KNOWN_TO_SWITCH)
+    subprocess.run(ping, capture_output=True)  # nobody answers
+    labnet.until(lambda: "02:00:00:00:00:50" in neighbours(vrf).get(KNOWN_TO_SWITCH, ("", ""))[1], 10,
+                 lambda: f"the kernel of VRF {vrf.name} knows {KNOWN_TO_SWITCH}: {neighbours(vrf)}")
+    print(f"{'neighbour':<20}{'switch':<38}kernel")
+    for address, (on_switch, in_kernel) in sorted(neighbours(vrf).items(), key=lambda entry: ipaddress.ip_address(entry[0])):
+        print(f"{address:<20}{on_switch:<38}{in_kernel}")
+
+
+def show_foreign_route(vrf):
+    """A route that another program adds to the kernel and removes."""
+    took = []
+    for verb, known in (("add", True), ("del", False)):
+        started = time.monotonic()
+        labnet.ip("route", verb, FOREIGN, "via", "10.1.0.9", ns=vrf.name)
+        labnet.until(lambda: (FOREIGN in switch_side(vrf)) == known, 10, f"the switch follows ip route {verb} {FOREIGN}")
+        took.append(time.monotonic() - started)
+    print("ip route add and del {}: the switch had followed after {:.0f} ms and {:.0f} ms".format(
+        FOREIGN, *(1000 * each for each in took)))
+
+
 # Running -----------------------------------------------------------------------------------------------------------
 
 
@@ -216,6 +252,8 @@ def run_once():
         for vrf in lab.vrfs:
             print_side_by_side(vrf)
             print(f"ping from 172.16.1.1 behind rt1: {ping_across(vrf)}")
+            show_neighbours(vrf)
+            show_foreign_route(vrf)
         print(f"\nboth kernels mirror the switch, {time.monotonic() - started:.1f} s after the start")
         return 0
     except (TimeoutError, RuntimeError) as error:
@@ -232,6 +270,9 @@ The switch and its two agents are running. From another terminal:
   ./lab exec orrinctl routes add vrf 7 60.0.0.0/32 count 100000 via 10.1.0.2 interface {b}
   ./lab exec orrinctl diff
   ./lab exec ip -n blue route
+  ./lab exec orrinctl show arp vrf 3
+  ./lab exec ip -n blue route add 198.51.101.0/24 via 10.1.0.2   then ask the switch for it
+  ./lab exec orrinctl interface set {a} mtu 1300
   ./lab exec mirelsh 3 mirelStatsShow
   ./lab exec ip netns exec blue-h2 bash        a host behind VRF blue
   ./lab exec kill -9 {pid}                         an agent; the lab starts again what ended

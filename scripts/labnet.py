@@ -19,6 +19,7 @@ from dataclasses import dataclass
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 BIN = pathlib.Path(os.environ.get("MIREL_BIN", ROOT / "build" / "release" / "bin")).resolve()
 AGENT_PROTOCOL = 25
+AREAS = ("interfaces", "routes", "neighbours", "kernel-routes")  # of `orrinctl diff`
 
 CLONE_NEWNS, CLONE_NEWPID, CLONE_NEWNET = 0x00020000, 0x20000000, 0x40000000
 MS_BIND, MS_REC, MS_PRIVATE, MS_NOSUID, MS_NODEV = 0x1000, 0x4000, 0x40000, 0x2, 0x4

@@ -13,7 +13,9 @@
 #include <cstring>
 #include <ctime>
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 Counter numRtoNetlinkRxErrors;
 
@@ -26,6 +28,7 @@ constexpr int SOCKET_BUFFER_SIZE = 1048576;
 constexpr uint32_t ROUTE_GROUPS = RTMGRP_IPV4_ROUTE | RTMGRP_IPV6_ROUTE;
 constexpr uint32_t REOPEN_MSEC = 1000;
 constexpr uint32_t TABLE_INTERVAL_MSEC = 1000;
+constexpr int LISTENER_NICE = -20; // before those it listens to: what it does not read in time is lost
 
 enum ListenEnd : int { LISTEN_ENDED = 1, LISTEN_MALFORMED = 2 };
 
@@ -120,6 +123,7 @@ void truncationReport(int flags) {
 
 void *rtoNetlinkLinuxUpdatesHandler(void *) {
   const RtoCallTrace call("rtoNetlinkLinuxUpdatesHandler");
+  setpriority(PRIO_PROCESS, static_cast<id_t>(gettid()), LISTENER_NICE);
   for (;;) {
     RtoNetlinkHandle handle;
     if (rtoNetlinkSocketOpen(&handle, ROUTE_GROUPS, NETLINK_ROUTE) != 0) {

@@ -140,8 +140,9 @@ class Live:
             sys.stdout.flush()
             self.drawn = len(lines)
         elif rows != self.last or time.monotonic() - self.last_time > QUIET_REPORT_EVERY:
+            known = [] if rows == self.last else self.last or []
             line = "vrf {}: switch {}, for the kernel {}, kernel {}, different {}"
-            self.say("; ".join([line.format(*row) for row in rows] or silent))
+            self.say("\n".join([line.format(*row) for row in rows if row not in known] or silent))
             self.last_time = time.monotonic()
         self.last = rows
 

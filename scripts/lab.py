@@ -213,7 +213,8 @@ def neighbours(vrf):
     for entry in json.loads(labnet.orrinctl("show", "arp", "vrf", vrf.id, "json").stdout):
         sides[entry["address"]] = [f"{entry['mac']} from the {entry['origin']}", "-"]
     for entry in labnet.ip_json("-4", "neigh", "show", ns=vrf.name):
-        sides.setdefault(entry["dst"], ["-", "-"])[1] = f"{entry.get('lladdr', 'unknown')} dev {entry['dev']} {entry['state'][0]}"
+        in_kernel = f"{entry.get('lladdr', 'unknown')} dev {entry['dev']} {entry['state'][0]}"
+        sides.setdefault(entry["dst"], ["-", "-"])[1] = in_kernel
     return sides
 
 
@@ -224,8 +225,8 @@ def show_neighbours(vrf):
     labnet.until(lambda: "02:00:00:00:00:50" in neighbours(vrf).get(KNOWN_TO_SWITCH, ("", ""))[1], 10,
                  lambda: f"the kernel of VRF {vrf.name} knows {KNOWN_TO_SWITCH}: {neighbours(vrf)}")
     print(f"{'neighbour':<20}{'switch':<38}kernel")
-    for address, (on_switch, in_kernel) in sorted(neighbours(vrf).items(), key=lambda entry: ipaddress.ip_address(entry[0])):
-        print(f"{address:<20}{on_switch:<38}{in_kernel}")
+    for address, sides in sorted(neighbours(vrf).items(), key=lambda entry: ipaddress.ip_address(entry[0])):
+        print("{:<20}{:<38}{}".format(address, *sides))
 
 
 def show_foreign_route(vrf):

@@ -58,7 +58,8 @@ class Walk:
 
     def mac(self):
         _, _, interface = self.pick()
-        return f"interface set {interface} mac 02:00:00:{self.dice.randint(0, 255):02x}:{interface >> 8:02x}:{interface & 255:02x}"
+        tail = f"{self.dice.randint(0, 255):02x}:{interface >> 8:02x}:{interface & 255:02x}"
+        return f"interface set {interface} mac 02:00:00:{tail}"
 
     def primary(self):
         _, number, interface = self.pick()
@@ -100,8 +101,8 @@ class Walk:
 
     def vrf_wide(self):
         vrf, _, _ = self.pick()
-        return self.dice.choice((f"vrf set {vrf.id} icmp-echo-reply {self.dice.randint(0, 1)}",
-                                 f"vrf set {vrf.id} icmp-ratelimit {self.dice.randint(1, 100)} {self.dice.randint(0, 2000)}"))
+        rate_limit = f"icmp-ratelimit {self.dice.randint(1, 100)} {self.dice.randint(0, 2000)}"
+        return f"vrf set {vrf.id} {self.dice.choice((rate_limit, f'icmp-echo-reply {self.dice.randint(0, 1)}'))}"
 
     def routing_switch(self):
         vrf, _, _ = self.pick()
@@ -111,7 +112,8 @@ class Walk:
     def way(self, vrf):
         if self.dice.random() < 0.1:
             return "reject"
-        hops = [(number, self.dice.randint(2, 9)) for number in self.dice.sample(range(1, LINKS + 1), self.dice.choice((1, 1, 1, 2, 3)))]
+        links = self.dice.sample(range(1, LINKS + 1), self.dice.choice((1, 1, 1, 2, 3)))
+        hops = [(number, self.dice.randint(2, 9)) for number in links]
         return " ".join(f"via 10.{number}.0.{last} interface {labnet.interface_of(vrf, number)}" for number, last in hops)
 
     def route(self):
@@ -123,8 +125,9 @@ class Walk:
 
     def many_routes(self):
         vrf, _, _ = self.pick()
-        return f"routes {'add' if self.dice.random() < 0.6 else 'del'} vrf {vrf.id} 30.{self.dice.randint(0, 3)}.0.0/28 " \
-            f"count 200" + f" {self.way(vrf)}"
+        verb = "add" if self.dice.random() < 0.6 else "del"
+        way = f" {self.way(vrf)}" if verb == "add" else ""
+        return f"routes {verb} vrf {vrf.id} 30.{self.dice.randint(0, 3)}.0.0/28 count 200{way}"
 
     def withdraw(self):
         vrf, _, _ = self.pick()
@@ -143,7 +146,8 @@ class Blows:
         self.switch, self.agents, self.dice = switch, agents, dice
 
     def one(self):
-        victims = self.dice.choice((self.agents[:1], self.agents[1:], self.agents, [self.switch], [self.switch, *self.agents]))
+        victims = self.dice.choice((self.agents[:1], self.agents[1:], self.agents, [self.switch],
+                                    [self.switch, *self.agents]))
         for process in victims:
             process.kill(signal.SIGKILL)
         return victims

@@ -9,6 +9,7 @@
 #include "unique_fd.h"
 
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
@@ -39,6 +40,8 @@ struct LostNotifications {
   bool tableIncomplete = false;
   uint32_t askedAt = 0; // milliseconds since boot
 } lost;
+
+std::atomic<bool> setUpOnce = false; // well or not
 
 bool buffersEnlarge(int sock) {
   if (setsockopt(sock, SOL_SOCKET, SO_SNDBUF, &SOCKET_BUFFER_SIZE, sizeof SOCKET_BUFFER_SIZE) != 0) {
@@ -126,7 +129,10 @@ void *rtoNetlinkLinuxUpdatesHandler(void *) {
   setpriority(PRIO_PROCESS, static_cast<id_t>(gettid()), LISTENER_NICE);
   for (;;) {
     RtoNetlinkHandle handle;
-    if (rtoNetlinkSocketOpen(&handle, ROUTE_GROUPS, NETLINK_ROUTE) != 0) {
+    const bool open = rtoNetlinkSocketOpen(&handle, ROUTE_GROUPS, NETLINK_ROUTE) == 0;
+    setUpOnce = true;
+    setUpOnce.notify_all();
+    if (!open) {
       qvproc_logf(SEVERITY_CRITICAL, COMPONENT_RTO_NETLINK, LOG_AREA, __LINE__, "failed to open netlink socket");
       osapiSleepMSec(REOPEN_MSEC);
       continue;
@@ -136,6 +142,10 @@ void *rtoNetlinkLinuxUpdatesHandler(void *) {
                 "RtNetlink failed to listen to netlink socket.");
     rtoNetlinkSocketClose(&handle);
   }
+}
+
+void rtoNetlinkSetUpAwait() {
+  setUpOnce.wait(false);
 }
 
 int rtoNetlinkSocketOpen(RtoNetlinkHandle *handle, uint32_t groups, int protocol) {

@@ -93,6 +93,9 @@ struct RtoNetlinkHandle {
 // The thread: sets the socket up, listens, and starts again when that fails.
 void *rtoNetlinkLinuxUpdatesHandler(void *);
 
+// Returns when the thread has tried for the first time to set its socket up.
+void rtoNetlinkSetUpAwait();
+
 // Opens and binds a netlink socket. Returns 0, or 1 after logging why, with nothing left open.
 int rtoNetlinkSocketOpen(RtoNetlinkHandle *handle, uint32_t groups, int protocol);
 void rtoNetlinkSocketClose(RtoNetlinkHandle *handle);

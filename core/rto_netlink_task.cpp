@@ -239,6 +239,8 @@ int rtoNetlinkInit() {
               "[VRF \"%s\"]: Failed to create RtoNetlink-LinuxUpdatesHandler thread. Error %d.");
   threadStart(qv_extRouteProc_task, "[VRF \"%s\"]: Failed to create RtoNetlink-ExtRoutesProcess thread. Error %d.");
   rtoNetlinkStatsClear();
+  // The interfaces come up next, and their connected routes are announced only once.
+  rtoNetlinkSetUpAwait();
   return 0;
 }
 

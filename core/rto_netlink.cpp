@@ -97,7 +97,7 @@ void lossMakeUpFor(RtoNetlinkHandle *handle) {
     return;
   }
   lost.tableIncomplete = false; // what is lost from now on is owed again
-  if (!rtoMainTableProcess(handle, receiveBuffer)) {
+  if (!rtoMainTableProcess(handle)) {
     lost.tableIncomplete = true;
   }
   lost.askedAt = osapiUpTimeMillisecondsGet();

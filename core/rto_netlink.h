@@ -122,7 +122,7 @@ void rtoExternalRouteProcess(const NetlinkMessage &message, uint32_t action, int
 
 // Asks the kernel for its main table, IPv4 and IPv6, on a socket of its own, and passes every foreign route on as an
 // addition, waiting for room. Returns whether the kernel could be asked.
-bool rtoMainTableProcess(RtoNetlinkHandle *handle, std::span<std::byte> buffer);
+bool rtoMainTableProcess(RtoNetlinkHandle *handle);
 
 // ---- the task, on its thread
 

@@ -5,10 +5,16 @@
 #include "rto_netlink.h"
 #include "unique_fd.h"
 
+#include <array>
 #include <cerrno>
 #include <sys/socket.h>
 
 namespace {
+
+// The most that the kernel puts into a datagram. It ends the table, as if it were complete, at a route that is too long for
+// the buffer it is read into: one of 500 next hops for 8192 bytes.
+constexpr size_t TABLE_RECEIVE_SIZE = 32768;
+alignas(nlmsghdr) std::array<std::byte, TABLE_RECEIVE_SIZE> tableBuffer;
 
 struct TableRequest {
   nlmsghdr header;
@@ -48,19 +54,19 @@ bool tableRead(NetlinkBytes read, uint32_t sequence) {
   return false;
 }
 
-bool familyProcess(int sock, uint8_t family, uint32_t sequence, std::span<std::byte> buffer) {
+bool familyProcess(int sock, uint8_t family, uint32_t sequence) {
   if (!tableRequest(sock, family, sequence)) {
     return false;
   }
   for (;;) {
-    const ssize_t received = recv(sock, buffer.data(), buffer.size(), 0);
+    const ssize_t received = recv(sock, tableBuffer.data(), tableBuffer.size(), 0);
     if (received < 0 && errno == EINTR) {
       continue;
     }
     if (received <= 0) {
       return false;
     }
-    if (tableRead(buffer.first(static_cast<size_t>(received)), sequence)) {
+    if (tableRead(NetlinkBytes(tableBuffer).first(static_cast<size_t>(received)), sequence)) {
       return true;
     }
   }
@@ -68,7 +74,7 @@ bool familyProcess(int sock, uint8_t family, uint32_t sequence, std::span<std::b
 
 } // namespace
 
-bool rtoMainTableProcess(RtoNetlinkHandle *handle, std::span<std::byte> buffer) {
+bool rtoMainTableProcess(RtoNetlinkHandle *handle) {
   const UniqueFd sock(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE));
   if (!sock) {
     return false;
@@ -76,7 +82,9 @@ bool rtoMainTableProcess(RtoNetlinkHandle *handle, std::span<std::byte> buffer) 
   // Lets the kernel leave out the other tables; an older one sends them all.
   const int on = 1;
   setsockopt(sock.get(), SOL_NETLINK, NETLINK_GET_STRICT_CHK, &on, sizeof on);
-  const bool ipv4 = familyProcess(sock.get(), AF_INET, ++handle->sequence, buffer);
-  const bool ipv6 = familyProcess(sock.get(), AF_INET6, ++handle->sequence, buffer);
+  // The kernel learns the size of the buffer from the first read, too late for the first datagram. IPv4 goes second: its
+  // table begins with the default route, which may be a long one.
+  const bool ipv6 = familyProcess(sock.get(), AF_INET6, ++handle->sequence);
+  const bool ipv4 = familyProcess(sock.get(), AF_INET, ++handle->sequence);
   return ipv4 && ipv6;
 }

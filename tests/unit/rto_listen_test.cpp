@@ -248,4 +248,36 @@ TEST_F(RtoLossTest, LostNotificationsAreMadeUpForByTheTable) {
   EXPECT_EQ(result, 5);
 }
 
+// The kernel tells nobody that it has ended the table at a route that is too long for the reader's buffer. The first route
+// of the table meets a smaller one than the rest.
+TEST_F(RtoLossTest, TheTableGoesOnBehindALongRoute) {
+  constexpr int HOPS = 600;
+  rtmsg header{};
+  header.rtm_family = AF_INET;
+  header.rtm_table = RT_TABLE_MAIN;
+  header.rtm_protocol = RTPROT_STATIC;
+  header.rtm_type = RTN_UNICAST;
+  const Bytes gateway = attribute(RTA_GATEWAY, fromHex("0a090007"));
+  rtnexthop hop{};
+  hop.rtnh_len = static_cast<uint16_t>(sizeof hop + gateway.size());
+  hop.rtnh_ifindex = static_cast<int>(if_nametoindex("rt1"));
+  Bytes hops;
+  for (int i = 0; i < HOPS; ++i) {
+    hops += bytesOf(hop) + gateway;
+  }
+  const Bytes request =
+      message(RTM_NEWROUTE, bytesOf(header) + attribute(RTA_MULTIPATH, hops), NLM_F_REQUEST | NLM_F_CREATE);
+  ASSERT_EQ(send(handle.fd, request.data(), request.size(), 0), static_cast<ssize_t>(request.size()));
+  shell("ip route add 10.204.0.0/24 via 10.9.0.7");
+  rtoNetlinkFini();
+  extRouteQueue = osapiMsgQueueCreate("", 1024, sizeof(rto_extRoute_msg *));
+  EXPECT_TRUE(rtoMainTableProcess(&handle));
+  std::set<uint32_t> reported;
+  while (const auto msg = queued()) {
+    reported.insert(msg->ipv4.destination);
+  }
+  EXPECT_TRUE(reported.contains(ipv4(10, 204, 0, 0)));
+  EXPECT_FALSE(reported.contains(0)) << "a route of several next hops has no interface";
+}
+
 } // namespace

@@ -259,7 +259,8 @@ void rtoExternalRouteProcess(const NetlinkMessage &message, uint32_t action, int
   }
   memcpy(&header, message.payload.data(), sizeof header);
   const NetlinkBytes attributes = message.payload.subspan(sizeof header);
-  std::unique_ptr<rto_extRoute_msg> msg(new (std::nothrow) rto_extRoute_msg{});
+  // Cleared as a whole: braces promise that for the IPv4 layout only.
+  std::unique_ptr<rto_extRoute_msg> msg(new (std::nothrow) rto_extRoute_msg());
   if (!msg) {
     MIREL_TRACE(TRACE_RTO_DETAIL, OPERATION, "  Memory alloc failure for rto_extRoute_msg with error: %s\n\n",
                 strerror(ENOMEM));

@@ -127,7 +127,8 @@ void truncationReport(int flags) {
 void *rtoNetlinkLinuxUpdatesHandler(void *) {
   const RtoCallTrace call("rtoNetlinkLinuxUpdatesHandler");
   setpriority(PRIO_PROCESS, static_cast<id_t>(gettid()), LISTENER_NICE);
-  for (;;) {
+  // A socket that is closed takes along what it had queued, and until the next one is there nothing is heard.
+  for (;; lost.tableIncomplete = true) {
     RtoNetlinkHandle handle;
     const bool open = rtoNetlinkSocketOpen(&handle, ROUTE_GROUPS, NETLINK_ROUTE) == 0;
     setUpOnce = true;

@@ -11,8 +11,12 @@
 #include <fstream>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <linux/netlink.h>
 #include <net/if.h>
+#include <sstream>
+#include <stdexcept>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 
 namespace {
@@ -494,6 +498,19 @@ TEST(Loop, InterruptedSelectRunsNoTimers) {
   EXPECT_NE(std::search(lines.begin(), lines.end(), failed.begin(), failed.end()), lines.end());
 }
 
+// Whether RTO is told of a kernel route before long.
+bool reported(AgentProcess &agent, const std::string &report) {
+  const std::string line = "rpcclt_tarnapiKernelRoute" + report;
+  for (int pass = 0; pass < 1000; ++pass) {
+    const Lines lines = agent.trace();
+    if (std::find(lines.begin(), lines.end(), line) != lines.end()) {
+      return true;
+    }
+    agent.passes(1);
+  }
+  return false;
+}
+
 // Listener and task on their threads, beside the loop that enables the interface.
 TEST(Loop, RoutesOfOtherPrograms) {
   shell("ip link add rt1 type veth peer name h1 && ip link set rt1 up && ip link set h1 up");
@@ -504,28 +521,54 @@ TEST(Loop, RoutesOfOtherPrograms) {
   memcpy(enable.data() + 8, &intIfNum, sizeof intIfNum);
   ASSERT_TRUE(sendDatagram(ROUTER_EVENT_SOCKET, enable));
   agent.passes();
-  const auto reports = [&agent](const std::string &report) {
-    const std::string line = "rpcclt_tarnapiKernelRoute" + report;
-    for (int pass = 0; pass < 1000; ++pass) {
-      const Lines lines = agent.trace();
-      if (std::find(lines.begin(), lines.end(), line) != lines.end()) {
-        return true;
-      }
-      agent.passes(1);
-    }
-    return false;
-  };
   const std::string route = "Vr 3 10.50.0.0/16 type 2 proto 7 reject 0 discard 0 report 1 metric 77 hops 1 [36] via "
                             "10.9.0.7 5";
   shell("ip addr add 10.9.0.1/24 dev rt1 && ip route add 10.50.0.0/16 via 10.9.0.7 metric 77");
-  EXPECT_TRUE(
-      reports("AddVr 3 10.9.0.0/24 type 2 proto 7 reject 0 discard 0 report 1 metric 0 hops 1 [36] via 0.0.0.0 5"));
-  EXPECT_TRUE(reports("Add" + route));
+  EXPECT_TRUE(reported(
+      agent, "AddVr 3 10.9.0.0/24 type 2 proto 7 reject 0 discard 0 report 1 metric 0 hops 1 [36] via 0.0.0.0 5"));
+  EXPECT_TRUE(reported(agent, "Add" + route));
   shell("ip route del 10.50.0.0/16");
-  EXPECT_TRUE(reports("Del" + route));
+  EXPECT_TRUE(reported(agent, "Del" + route));
   EXPECT_THAT(agent.run("rtoNetlinkStatsShow"), StartsWith("\nCount of successful route add: 2\n"
                                                            "\nCount of unsuccessful route add: 0\n"
                                                            "\nCount of successful route delete: 1\n"));
+  shell("ip link del rt1");
+}
+
+// The port of the agent's socket for routes.
+uint32_t routeSocketPort(pid_t agent) {
+  std::ifstream sockets("/proc/" + std::to_string(agent) + "/net/netlink");
+  std::string address;
+  std::string protocol;
+  std::string groups;
+  uint32_t port = 0;
+  for (std::string line; std::getline(sockets, line);) {
+    std::istringstream(line) >> address >> protocol >> port >> groups;
+    if (groups == "00000440") {
+      return port;
+    }
+  }
+  throw std::runtime_error("no route socket");
+}
+
+// What is queued behind a datagram that ends the listen goes with the socket, and is made up for by the table.
+TEST(Loop, RoutesThatGoWithTheListenersSocket) {
+  shell("ip link add rt1 type veth peer name h1 && ip link set rt1 up && ip link set h1 up && "
+        "ip addr add 10.9.0.1/24 dev rt1");
+  AgentProcess agent("rpcclt_tarnapiRtrIntfNextGetVrf: 0 5");
+  agent.passes(1);
+  agent.stop();
+  const UniqueFd sock(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE));
+  sockaddr_nl to{};
+  to.nl_family = AF_NETLINK;
+  to.nl_pid = routeSocketPort(agent.pid());
+  ASSERT_EQ(sendto(sock.get(), "lie", 3, 0, reinterpret_cast<const sockaddr *>(&to), sizeof to), 3);
+  shell("ip route add 10.50.0.0/16 via 10.9.0.7");
+  agent.resume();
+  EXPECT_TRUE(reported(agent, "AddVr 3 10.50.0.0/16 type 2 proto 7 reject 0 discard 0 report 1 metric 0 hops 1 [36] "
+                              "via 10.9.0.7 5"));
+  EXPECT_THAT(agent.trace(), Contains("log 2 24 application/routing/mirel/core/rto_netlink RtNetlink failed to listen "
+                                      "to netlink socket."));
   shell("ip link del rt1");
 }
 

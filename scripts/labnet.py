@@ -353,5 +353,11 @@ def differences(vrf=None, areas=()):
 
 
 def until_mirrored(vrf, at_most=20, areas=()):
+    """Interfaces and routes, unless areas are named: those hold also after kills, flaps and lost messages."""
     until(lambda: not differences(vrf, areas), at_most,
           lambda: f"VRF {vrf.id} is mirrored; still different:\n{differences(vrf, areas)}")
+
+
+def until_all_mirrored(vrf, at_most=20):
+    """What agents report of the kernel as well; true where no agent or switch was killed, no link flapped, nothing was lost."""
+    until_mirrored(vrf, at_most, AREAS)

@@ -5,7 +5,7 @@ import json
 import signal
 
 import labnet
-from labnet import until, until_mirrored
+from labnet import until, until_all_mirrored, until_mirrored
 
 
 def link(vrf, device):
@@ -65,7 +65,7 @@ def test_every_change_is_followed():
     for command, look, wanted in STEPS:
         system.switch.ctl(*command.split())
         until(lambda: look(blue) == wanted, 10, lambda: f"{command}: {wanted}, not {look(blue)}")
-        until_mirrored(blue)
+        until_all_mirrored(blue)
     assert addresses(blue, "rt2") == others
     assert json.loads(system.switch.ctl("show", "events", "json")) == []
 
@@ -127,7 +127,7 @@ def test_routing_starts_after_the_agent():
     agent.quick()
     assert addresses(vrf, "rt1") == set()
     switch.ctl("vrf", "set", 3, "routing", "on")
-    until_mirrored(vrf)
+    until_all_mirrored(vrf)
     assert "20.0.0.0/8" in vrf.mirrored()
 
 
@@ -163,7 +163,7 @@ def test_a_thousand_interfaces():
     switch.script_in([line for n in range(1, count + 1) for line in (
         f"interface add {n} vrf 3 name 1/3/{n} device rt{n}",
         f"interface set {n} address 10.{n // 250}.{n % 250}.1/24 mtu {1280 + n % 200}", f"interface enable {n}")])
-    until_mirrored(vrf, 30)
+    until_all_mirrored(vrf, 30)
     until(lambda: json.loads(switch.ctl("show", "events", "json")) == [], 10, "everything is acknowledged")
     assert sum(member(vrf, f"rt{n}") for n in (1, 500, 1000)) == 3
     assert agent.said().count("multicast") == 0

@@ -58,7 +58,7 @@ def test_agent_started_before_the_switch():
     agent.quick()
     switch = labnet.Switch([*labnet.vrf_script(vrf), f"route add vrf 3 20.0.0.0/8 {VIA_1}", "vrf set 3 routing on"])
     switch.start()
-    until_mirrored(vrf)
+    labnet.until_all_mirrored(vrf)
     assert "20.0.0.0/8" in vrf.mirrored()
 
 

@@ -3,7 +3,7 @@
 import subprocess
 
 import labnet
-from labnet import until, until_mirrored
+from labnet import until, until_all_mirrored, until_mirrored
 
 VIA_1, VIA_2 = "via 10.1.0.2 interface 301", "via 10.2.0.2 interface 302"
 
@@ -14,17 +14,17 @@ def test_added_replaced_and_withdrawn():
 
     ctl(*f"route add vrf 3 20.0.0.0/16 {VIA_1}".split())
     ctl(*f"route add vrf 3 20.0.9.9/32 {VIA_2} via 10.1.0.7 interface 301".split())
-    until_mirrored(blue)
+    until_all_mirrored(blue)
     assert {dst: (route["gateway"], route["dev"]) for dst, route in blue.mirrored().items()} == \
         {"20.0.0.0/16": ("10.1.0.2", "rt1"), "20.0.9.9": ("10.1.0.7", "rt1")}
 
     ctl(*f"route modify vrf 3 20.0.0.0/16 {VIA_2}".split())
-    until_mirrored(blue)
+    until_all_mirrored(blue)
     assert blue.mirrored()["20.0.0.0/16"]["dev"] == "rt2"
 
     ctl(*"route del vrf 3 20.0.0.0/16".split())
     ctl(*"route del vrf 3 20.0.9.9/32".split())
-    until_mirrored(blue)
+    until_all_mirrored(blue)
     assert blue.mirrored() == {}
 
 
@@ -32,14 +32,14 @@ def test_reject_and_default():
     system = labnet.start_system(script=[f"route add vrf 3 0.0.0.0/0 {VIA_1}", "route add vrf 3 30.0.0.0/8 reject",
                                          f"route add vrf 3 31.0.0.0/8 {VIA_1}"])
     blue, ctl = system.vrfs[0], system.switch.ctl
-    until_mirrored(blue)
+    until_all_mirrored(blue)
     assert blue.mirrored()["default"]["gateway"] == "10.1.0.2"
     assert blue.mirrored()["30.0.0.0/8"]["type"] == "unreachable"
 
     ctl(*f"route modify vrf 3 30.0.0.0/8 {VIA_2}".split())
     ctl(*"route modify vrf 3 31.0.0.0/8 reject".split())
     ctl(*"route modify vrf 3 0.0.0.0/0 reject".split())
-    until_mirrored(blue)
+    until_all_mirrored(blue)
     assert blue.mirrored()["30.0.0.0/8"]["gateway"] == "10.2.0.2"
     assert blue.mirrored()["31.0.0.0/8"]["type"] == "unreachable"
     assert blue.mirrored()["default"]["type"] == "unreachable"
@@ -57,7 +57,7 @@ def test_what_others_installed_survives():
                     "route add vrf 3 10.1.0.0/24 local via 10.1.0.1 interface 301", "route del vrf 3 40.0.0.0/8",
                     "route del vrf 3 10.1.0.0/24"):
         ctl(*command.split())
-        until_mirrored(blue)
+        until_all_mirrored(blue)
         assert blue.routes("proto", "static") + blue.routes("proto", "kernel") == others, command
 
 
@@ -68,8 +68,8 @@ def test_vrfs_with_the_same_prefixes_stay_apart():
     ctl = system.switch.ctl
     ctl(*f"route add vrf 3 172.16.1.0/24 {VIA_1}".split())
     ctl(*"route add vrf 4 172.16.1.0/24 via 10.2.0.5 interface 402".split())
-    until_mirrored(blue)
-    until_mirrored(red)
+    until_all_mirrored(blue)
+    until_all_mirrored(red)
     assert blue.mirrored()["172.16.1.0/24"]["dev"] == "rt1"
     assert red.mirrored()["172.16.1.0/24"]["gateway"] == "10.2.0.5"
 
@@ -86,7 +86,7 @@ def test_vrfs_with_the_same_prefixes_stay_apart():
     assert "from blue" not in listeners[1].said()
 
     ctl(*"route del vrf 3 172.16.1.0/24".split())
-    until_mirrored(blue)
+    until_all_mirrored(blue)
     assert blue.mirrored() == {} and len(red.mirrored()) == 1
 
 
@@ -97,8 +97,8 @@ def test_many_routes_at_once():
     for what in (f"add vrf 3 50.0.0.0/28 count 30000 {VIA_1}", f"modify vrf 3 50.0.0.0/28 count 30000 {VIA_2}",
                  "add vrf 4 50.0.0.0/32 count 1000 via 10.1.0.2 interface 401", "del vrf 3 50.0.0.0/28 count 30000"):
         system.switch.ctl("routes", *what.split())
-        until_mirrored(blue)
-        until_mirrored(red)
+        until_all_mirrored(blue)
+        until_all_mirrored(red)
     assert blue.mirrored() == {} and len(red.mirrored()) == 1000
 
 

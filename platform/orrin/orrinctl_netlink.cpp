@@ -12,6 +12,21 @@ constexpr int DUMP_ATTEMPTS = 2;
 constexpr time_t DUMP_TIMEOUT_S = 30;
 constexpr size_t DUMP_BUFFER = 64 * 1024; // the kernel fills at most 32 KiB a read
 
+std::array<std::byte, DUMP_BUFFER> buffer;
+
+// Until a socket's first read the kernel takes its buffer for a small one, and ends a dump at a route that does not fit. An
+// answer to nothing shows the size.
+std::string showBufferSize(int fd) {
+  nlmsghdr nothing{};
+  nothing.nlmsg_len = sizeof nothing;
+  nothing.nlmsg_type = NLMSG_NOOP;
+  nothing.nlmsg_flags = NLM_F_REQUEST | NLM_F_ACK;
+  if (send(fd, &nothing, sizeof nothing, 0) < 0 || recv(fd, buffer.data(), buffer.size(), 0) < 0) {
+    return systemError("cannot ask the kernel");
+  }
+  return {};
+}
+
 } // namespace
 
 std::string systemError(const std::string &what) {
@@ -29,11 +44,10 @@ std::string KernelDump::open() {
   setsockopt(fd_.get(), SOL_NETLINK, NETLINK_GET_STRICT_CHK, &on, sizeof on);
   const timeval patience{DUMP_TIMEOUT_S, 0};
   setsockopt(fd_.get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
-  return {};
+  return showBufferSize(fd_.get());
 }
 
 KernelDump::End KernelDump::readAnswers(const Each &each, std::string &error) {
-  static std::array<std::byte, DUMP_BUFFER> buffer;
   bool changed = false;
   for (;;) {
     const ssize_t n = recv(fd_.get(), buffer.data(), buffer.size(), 0);

@@ -1,6 +1,7 @@
 """Routes that other programs add to the kernel: the switch is told of those that mean something to it, and of no others, also
 when more is going on than the agent can listen to."""
 
+import json
 import re
 import signal
 
@@ -41,8 +42,12 @@ def kernel_routes(system):
     return {(row[1], row[4]) for row in rows if row[2] == "kernel"}
 
 
-def until_kernel_routes(system, routes, at_most=10):
-    until(lambda: kernel_routes(system) == routes, at_most,
+def how_many(system):
+    return json.loads(system.switch.ctl("show", "vrfs", "vrf", 3, "json"))[0]["kernel-routes"]
+
+
+def until_kernel_routes(system, routes):
+    until(lambda: kernel_routes(system) == routes, 10,
           lambda: f"missing: {routes - kernel_routes(system)}, too many: {kernel_routes(system) - routes}")
 
 
@@ -121,6 +126,7 @@ def test_what_a_stopped_agent_has_missed_is_made_good():
         assert kernel_routes(system) == CONNECTED
     finally:
         agent.child.send_signal(signal.SIGCONT)
-    until_kernel_routes(system, CONNECTED | shown, 30)
+    until(lambda: how_many(system) == len(CONNECTED | shown), 45, lambda: f"the switch knows {how_many(system)} kernel routes")
+    assert kernel_routes(system) == CONNECTED | shown
     assert counts(agent)["RTO netlink socket receive errors"] > 0, "the socket overflowed"
     until_all_mirrored(blue)

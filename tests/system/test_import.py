@@ -1,6 +1,7 @@
 """Routes that other programs add to the kernel: the switch is told of those that mean something to it, and of no others, also
 when more is going on than the agent can listen to."""
 
+import contextlib
 import json
 import re
 import signal
@@ -67,6 +68,15 @@ def installed(agent):
     return int(re.search(r"^Routes Added: *(\d+)", agent.sh("mirelStatsShow"), re.MULTILINE)[1])
 
 
+@contextlib.contextmanager
+def stopped(agent):
+    agent.child.send_signal(signal.SIGSTOP)
+    try:
+        yield
+    finally:
+        agent.child.send_signal(signal.SIGCONT)
+
+
 def foreign(first, count):
     """Prefixes, and what the switch shows of them when they leave through rt1."""
     prefixes = [f"{first}.{number >> 8}.{number & 255}.0/24" for number in range(count)]
@@ -114,18 +124,29 @@ def test_routes_of_others_during_a_burst_of_own_installs():
     assert counts(agent)["queue drops while queueing to qv-ext-route-task"] == 0
 
 
+def test_own_routes_take_no_room_from_those_of_others():
+    """As many announcements of the agent's protocol as overflow the socket, while it is not read, and only then a hundred."""
+    system = labnet.start_system()
+    blue, agent = system.vrfs[0], system.agents[0]
+    until_kernel_routes(system, CONNECTED)
+    own, _ = foreign(23, 20000)
+    others, shown = foreign(24, 100)
+    with stopped(agent):
+        ip_route(blue, "add", [f"{prefix} via 10.1.0.2 proto {labnet.AGENT_PROTOCOL}" for prefix in own])
+        ip_route(blue, "add", [f"{prefix} via 10.1.0.2" for prefix in others])
+    until_kernel_routes(system, CONNECTED | shown)
+    assert counts(agent)["RTO netlink socket receive errors"] == 0
+
+
 def test_what_a_stopped_agent_has_missed_is_made_good():
     """Far more announcements than the socket holds, while the agent cannot read one of them."""
     system = labnet.start_system()
     blue, agent = system.vrfs[0], system.agents[0]
     until_kernel_routes(system, CONNECTED)
     prefixes, shown = foreign(22, 20000)
-    agent.child.send_signal(signal.SIGSTOP)
-    try:
+    with stopped(agent):
         ip_route(blue, "add", [f"{prefix} via 10.1.0.2" for prefix in prefixes])
         assert kernel_routes(system) == CONNECTED
-    finally:
-        agent.child.send_signal(signal.SIGCONT)
     until(lambda: how_many(system) == len(CONNECTED | shown), 45, lambda: f"the switch knows {how_many(system)} kernel routes")
     assert kernel_routes(system) == CONNECTED | shown
     assert counts(agent)["RTO netlink socket receive errors"] > 0, "the socket overflowed"

@@ -1,5 +1,6 @@
 """Routes of the switch in the kernel of a VRF's namespace: they come, change and go, and leave alone what is not theirs."""
 
+import json
 import subprocess
 
 import labnet
@@ -118,6 +119,7 @@ def test_what_the_kernel_refuses_is_counted():
     system = labnet.start_system(script=["interface add 399 vrf 3 name 1/3/99 device rt99"])
     blue = system.vrfs[0]
     system.switch.ctl("interface", "enable", 399)
+    until(lambda: json.loads(system.switch.ctl("show", "events", "json")) == [], 10, "its routes have been fetched, none so far")
     system.switch.script_in([f"route add vrf 3 70.0.0.0/24 {VIA_1}", "route add vrf 3 70.0.1.0/24 via 10.1.0.2 interface 399",
                              f"route add vrf 3 70.0.2.0/24 {VIA_1}"])
     until(lambda: len(blue.mirrored()) == 2, 10, "the good routes are installed")

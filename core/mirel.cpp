@@ -12,13 +12,16 @@
 #include "mirel_route_types.h"
 #include "mirel_router.h"
 #include "mirel_router_table.h"
+#include "mirel_rpc.h"
 #include "mirel_trace.h"
 #include "rto_netlink.h"
+#include "snmp_monitor.h"
 
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <pthread.h>
 #include <unistd.h>
 
 namespace {
@@ -71,6 +74,21 @@ void apiSemaphoreCreate() {
     qvproc_logf(SEVERITY_ERROR, COMPONENT_MIREL, LOG_AREA, __LINE__, "Error initializing Mirel TarnApi semaphore.\n");
     abort();
   }
+}
+
+// Serves from here on; false when there is no server.
+bool rpcServerStart() {
+  rpcsrvCfg cfg{};
+  rpcsrvSockAddrInit(&cfg.address, mirelVrfId, MIREL_RPC_SERVICE);
+  MIREL_TRACE(TRACE_GENERAL, OPERATION, "Mirel initialized the server addr:%s, family:%d for VRF %d\n",
+              cfg.address.sun_path, cfg.address.sun_family, mirelVrfId);
+  if (rpcsrvInit(MIREL_RPC_INSTANCE, 1, cfg) == 0) {
+    qvproc_logf(SEVERITY_ERROR, COMPONENT_MIREL, LOG_AREA, __LINE__, "VRF-ID %u: gen RPC server creation failed.",
+                mirelVrfId);
+    return false;
+  }
+  rpcsrvProgramRegister(MIREL_RPC_INSTANCE, MIREL_RPC_PROGRAM, mirelRpcProcTableGet());
+  return true;
 }
 
 void platformClientRegister() {
@@ -137,6 +155,14 @@ void arpSocketCreate() {
 void arpNetlinkInit() {
   mirelArpNetlinkInit(&arpd_nl_fd);
   MIREL_TRACE(TRACE_GENERAL, OPERATION, "arpd netlink socket %d has been SUCCESSFULLY setup.\n", arpd_nl_fd.get());
+}
+
+void statisticsMonitorStart() {
+  const int error = pthread_create(&snmpMonitorThread, nullptr, snmpMonitorTask, nullptr);
+  if (error != 0) {
+    MIREL_LOG(SEVERITY_ERROR, "Failed to create snmp proc monitor thread. Error %d.", error);
+    exit(EXIT_FATAL);
+  }
 }
 
 void kernelUpdateSocketInit() {
@@ -226,6 +252,9 @@ int main(int argc, char **argv) {
   clientNameFormat();
   syncDatabaseRegister();
   apiSemaphoreCreate();
+  if (!rpcServerStart()) {
+    return EXIT_FATAL;
+  }
   platformClientRegister();
   platformWait();
   vrfNameRead();
@@ -234,8 +263,10 @@ int main(int argc, char **argv) {
   datagramQueueRaise();
   arpSocketCreate();
   arpNetlinkInit();
+  statisticsMonitorStart();
   kernelUpdateSocketInit();
   routeImportStart();
+  mirelRpcControlsOpen();
   mirelIntIfInfoAllocate();
   routeTypesRegister();
   routerEventsStart();

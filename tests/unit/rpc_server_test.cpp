@@ -1,8 +1,8 @@
 // The RPC server as a thread with its socket: whom it answers, what it survives, and how it ends.
 
+#include "core_test.h"
 #include "rpc_test.h"
 #include "rpcsrv.h"
-#include "unique_fd.h"
 
 #include <atomic>
 #include <chrono>
@@ -12,7 +12,6 @@
 
 namespace {
 
-using testing::EndsWith;
 using testing::HasSubstr;
 
 constexpr uint32_t INSTANCE = 1;
@@ -48,49 +47,6 @@ template <class Condition> bool within(Condition condition) {
   }
   return true;
 }
-
-class Client {
-public:
-  explicit Client(const char *path) : sock_(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
-    const timeval limit{10, 0};
-    setsockopt(sock_.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-    if (path != nullptr) {
-      std::filesystem::remove(path);
-      const sockaddr_un own = address(path);
-      EXPECT_EQ(bind(sock_.get(), reinterpret_cast<const sockaddr *>(&own), sizeof own), 0);
-    }
-  }
-
-  void send(const Bytes &message) const {
-    const sockaddr_un server = address(PATH);
-    EXPECT_EQ(sendto(sock_.get(), message.data(), message.size(), 0, reinterpret_cast<const sockaddr *>(&server),
-                     sizeof server),
-              static_cast<ssize_t>(message.size()));
-  }
-
-  Bytes reply() const {
-    Bytes bytes(RPC_MSG_MAX + 1);
-    const ssize_t length = recv(sock_.get(), bytes.data(), bytes.size(), 0);
-    EXPECT_GE(length, 0) << "no reply";
-    bytes.resize(length < 0 ? 0 : static_cast<size_t>(length));
-    return bytes;
-  }
-
-  Bytes call(const Bytes &message) const {
-    send(message);
-    return reply();
-  }
-
-private:
-  static sockaddr_un address(const char *path) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    strcpy(address.sun_path, path);
-    return address;
-  }
-
-  UniqueFd sock_;
-};
 
 size_t openDescriptors() {
   const std::filesystem::directory_iterator all("/proc/self/fd");
@@ -150,7 +106,7 @@ TEST_F(RpcServer, Answers) {
   std::ofstream(PATH) << "left by an earlier process";
   start();
   EXPECT_EQ(scripted::takeCalls(), Lines{"osapiTaskCreate GenRPC Server"});
-  const Client client("/tmp/dxctest.00");
+  const Client client(PATH, "/tmp/dxctest.00");
   const Bytes question = request(1, {word(0)});
   EXPECT_EQ(statusOf(client.call(question)), -7); // before the program is registered
   EXPECT_EQ(rpcsrvProgramRegister(INSTANCE, 0, &TABLE), 0);
@@ -180,13 +136,13 @@ TEST_F(RpcServer, DoesNotWaitForClients) {
   start();
   rpcsrvProgramRegister(INSTANCE, 0, &TABLE);
   const Bytes question = request(1, {word(0)});
-  Client(nullptr).send(question);
-  const Client deaf("/tmp/dxcdeaf.00");
+  Client(PATH, nullptr).send(question);
+  const Client deaf(PATH, "/tmp/dxcdeaf.00");
   constexpr uint32_t QUESTIONS = 5000; // more than any queue of replies
   for (uint32_t i = 0; i < QUESTIONS; ++i) {
     deaf.send(question);
   }
-  const Client client("/tmp/dxctest.00");
+  const Client client(PATH, "/tmp/dxctest.00");
   EXPECT_EQ(statusOf(client.call(question)), 0);
   EXPECT_EQ(stats().requestsProcessed, QUESTIONS + 2);
   EXPECT_GT(stats().replyFailures, 1U);
@@ -196,7 +152,7 @@ TEST_F(RpcServer, DoesNotWaitForClients) {
 TEST_F(RpcServer, EndWaitsForTheRequestInHand) {
   start();
   rpcsrvProgramRegister(INSTANCE, 0, &TABLE);
-  const Client client("/tmp/dxctest.00");
+  const Client client(PATH, "/tmp/dxctest.00");
   client.send(request(2, {word(9)}));
   ASSERT_TRUE(within([] { return entered.load(); }));
   printed([] { EXPECT_EQ(rpcsrvDeInit(INSTANCE), 0); });

@@ -2,13 +2,18 @@
 #ifndef MIREL_TESTS_RPC_TEST_H
 #define MIREL_TESTS_RPC_TEST_H
 
-#include "core_test.h"
 #include "rpc_crc.h"
 #include "rpc_datagram.h"
+#include "unique_fd.h"
 
 #include <cstring>
+#include <filesystem>
+#include <gtest/gtest.h>
 #include <optional>
 #include <string>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <sys/un.h>
 #include <vector>
 
 using Bytes = std::vector<uint8_t>;
@@ -69,5 +74,52 @@ inline Bytes refusal() {
   put(bytes, 0, 124);
   return bytes;
 }
+
+// A client of one server, bound to a path of its own, or to none.
+class Client {
+public:
+  Client(const char *serverPath, const char *path)
+      : server_(address(serverPath)), sock_(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+    const timeval limit{10, 0};
+    setsockopt(sock_.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+    if (path != nullptr) {
+      std::filesystem::remove(path);
+      const sockaddr_un own = address(path);
+      EXPECT_EQ(bind(sock_.get(), reinterpret_cast<const sockaddr *>(&own), sizeof own), 0);
+    }
+  }
+
+  // False when there is no server.
+  bool trySend(const Bytes &message) const {
+    return sendto(sock_.get(), message.data(), message.size(), 0, reinterpret_cast<const sockaddr *>(&server_),
+                  sizeof server_) == static_cast<ssize_t>(message.size());
+  }
+
+  void send(const Bytes &message) const { EXPECT_TRUE(trySend(message)); }
+
+  Bytes reply() const {
+    Bytes bytes(RPC_MSG_MAX + 1);
+    const ssize_t length = recv(sock_.get(), bytes.data(), bytes.size(), 0);
+    EXPECT_GE(length, 0) << "no reply";
+    bytes.resize(length < 0 ? 0 : static_cast<size_t>(length));
+    return bytes;
+  }
+
+  Bytes call(const Bytes &message) const {
+    send(message);
+    return reply();
+  }
+
+private:
+  static sockaddr_un address(const char *path) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    strcpy(address.sun_path, path);
+    return address;
+  }
+
+  sockaddr_un server_;
+  UniqueFd sock_;
+};
 
 #endif

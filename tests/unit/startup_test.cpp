@@ -49,6 +49,7 @@ TEST(StartUp, OrderOfCalls) {
   const Lines expected = {
       "qvproc_devshell_init",
       "syncdbClientRegister mirel",
+      "osapiTaskCreate GenRPC Server",
       "tarnapiServiceClientRegister mirel 1 2001",
       "rpcclt_tarnapiConnectivityCheck",
       "rpcclt_tarnapiVrfNameGet 3 [65]",
@@ -140,6 +141,7 @@ TEST(StartUp, FatalSteps) {
   } CASES[] = {
       {"syncdbClientRegister: 1", "signal 6", {log(3, "VRF-ID 3: SyncDB Registration failed for Mirel")}},
       {"pthread_mutexattr_init: 12", "signal 6", {log(3, "Error initializing Mirel TarnApi semaphore."), ""}},
+      {"osapiTaskCreate: 1 11", "exit 0", {log(3, "VRF-ID 3: gen RPC server creation failed.")}},
       {"tarnapiServiceClientRegister: -26",
        "exit 2",
        {log(3, "VRF-ID 3: Failed to initialize RPC to Tarn. Exiting (result = -26)")}},

@@ -16,6 +16,7 @@
 #include "mirel_trace.h"
 #include "rto_netlink.h"
 #include "snmp_monitor.h"
+#include "vr_ipslaprobe_util.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -182,6 +183,15 @@ void routeImportStart() {
               "Successfully created threads to handle Kernel to DX Route notifications.\n");
 }
 
+void probeAgentInit() {
+  const uint32_t result = vrIpSlaProbeAgentProcessInit();
+  if (result != 0) {
+    MIREL_LOG(SEVERITY_ERROR, "Failed to Initializes the VR IPSLA Probe Agent application. Error %d.", result);
+    exit(EXIT_FATAL);
+  }
+  MIREL_LOG(SEVERITY_DEBUG, "Successfully Initialized the VR IPSLA Probe Agent application.");
+}
+
 void routeTypesRegister() {
   if (vrfRouteTypesRegister() != 0) {
     MIREL_TRACE(TRACE_RTO_FAILURE, OPERATION, "Failed to register Route Types with TARN RTO.\n");
@@ -266,6 +276,7 @@ int main(int argc, char **argv) {
   statisticsMonitorStart();
   kernelUpdateSocketInit();
   routeImportStart();
+  probeAgentInit();
   mirelRpcControlsOpen();
   mirelIntIfInfoAllocate();
   routeTypesRegister();

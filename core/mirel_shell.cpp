@@ -5,6 +5,7 @@
 #include "mirel_router_table.h"
 #include "qvproc.h"
 #include "rto_netlink.h"
+#include "vr_ipslaprobe_util.h"
 
 #include <charconv>
 #include <cstdio>
@@ -54,6 +55,8 @@ constexpr ShellOperation OPERATIONS[] = {
     with("mirelIntIfInfoShow", "<interface number, 0 = all>", mirelIntIfInfoShow),
     without("rtoNetlinkStatsShow", rtoNetlinkStatsShow),
     without("rtoNetlinkStatsClear", rtoNetlinkStatsClear),
+    with("probeAgentDebugSet", "<1 = on, else off>", probeAgentDebugSet),
+    getter("probeAgentDebugGet", probeAgentDebugGet),
 };
 
 // A 32-bit number, decimal or with 0x in front; nothing may stand around it.

@@ -151,3 +151,11 @@ extern "C" int32_t rpcclt_tarnapiKernelRouteDelVr(tarnapiClient *, uint32_t vrfI
                                                   const tarn_buffdesc *nextHops) {
   return reportCall(KERNEL_ROUTE_DELETE, vrfId, route, nextHops);
 }
+
+// IP SLA
+
+extern "C" int32_t rpcclt_tarnapiMirelProbeResultIpSlaNotify(tarnapiClient *, uint32_t vrfId, uint32_t ipSlaId,
+                                                             uint32_t probeReturnCode, uint32_t lastProbeRTTvalue,
+                                                             uint32_t latestOperationStartUpTime) {
+  return plainCall(PROBE_RESULT, {vrfId, ipSlaId, probeReturnCode, lastProbeRTTvalue, latestOperationStartUpTime});
+}

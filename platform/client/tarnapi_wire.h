@@ -13,7 +13,7 @@ namespace tarnwire {
 inline constexpr const char *SOCKET_VARIABLE = "ORRIN_SOCKET";
 inline constexpr const char *DEFAULT_SOCKET = "/run/orrin/api";
 
-inline constexpr uint32_t PROTOCOL = 0x74617205; // changes with anything in this header or in published.h
+inline constexpr uint32_t PROTOCOL = 0x74617206; // changes with anything in this header or in published.h
 
 enum Op : uint32_t {
   SERVICE_CLIENT_REGISTER,
@@ -54,6 +54,7 @@ enum Op : uint32_t {
   ROUTE_TYPE_REGISTER,
   KERNEL_ROUTE_ADD,
   KERNEL_ROUTE_DELETE,
+  PROBE_RESULT,
   OP_COUNT
 };
 
@@ -139,6 +140,8 @@ inline constexpr std::array<OpInfo, OP_COUNT> OPS = {{
                                  "family protocol name-length; name code", "type"},
     {KERNEL_ROUTE_ADD,           "rpcclt_tarnapiKernelRouteAddVr", REPORT_MAX_BYTES, "vrf; route", ""},
     {KERNEL_ROUTE_DELETE,        "rpcclt_tarnapiKernelRouteDelVr", REPORT_MAX_BYTES, "vrf; route", ""},
+    {PROBE_RESULT,               "rpcclt_tarnapiMirelProbeResultIpSlaNotify", 0,
+                                 "vrf operation code milliseconds microseconds", ""},
 }};
 // clang-format on
 

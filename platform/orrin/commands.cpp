@@ -24,8 +24,9 @@ const Command *findCommand(Words &words, std::string &out) {
   const std::string first(words.take());
   const std::string both = first + " " + std::string(words.peek());
   bool firstIsKnown = false;
-  for (const std::span<const Command> table : {answerCommands(), switchCommands(), interfaceCommands(), routeCommands(),
-                                               arpCommands(), reportedCommands(), faultCommands(), clientCommands()}) {
+  for (const std::span<const Command> table :
+       {answerCommands(), switchCommands(), interfaceCommands(), routeCommands(), arpCommands(), ipSlaCommands(),
+        reportedCommands(), faultCommands(), clientCommands()}) {
     for (const Command &command : table) {
       if (command.name == both) {
         words.take();

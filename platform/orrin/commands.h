@@ -40,6 +40,7 @@ std::span<const Command> switchCommands();
 std::span<const Command> interfaceCommands();
 std::span<const Command> routeCommands();
 std::span<const Command> arpCommands();
+std::span<const Command> ipSlaCommands();
 std::span<const Command> reportedCommands();
 std::span<const Command> faultCommands();
 std::span<const Command> clientCommands();

@@ -51,6 +51,7 @@ route del vrf <id> <a.b.c.d>/<len>
 routes add|modify|del vrf <id> <first-prefix>/<len> count <n> [options] {via <a.b.c.d> interface <n>}...
 arp learn vrf <id> <a.b.c.d> mac <m> interface <n>
 arp del vrf <id> <a.b.c.d>
+ipsla show [vrf <id>] [json]
 keepalive period <seconds>
 keepalive hold|release [vrf <id>]
 event timeout <seconds>

@@ -42,4 +42,7 @@ int32_t stackIndexInterfaceGet(const Call &call);
 int32_t kernelRouteAdd(const Call &call);
 int32_t kernelRouteDelete(const Call &call);
 
+// requests_ipsla.cpp
+int32_t probeResult(const Call &call);
+
 } // namespace orrin

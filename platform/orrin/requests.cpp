@@ -258,6 +258,7 @@ constexpr HandlerRow HANDLERS[] = {
     {tarnwire::ROUTE_TYPE_REGISTER, routeTypeRegister},
     {tarnwire::KERNEL_ROUTE_ADD, kernelRouteAdd},
     {tarnwire::KERNEL_ROUTE_DELETE, kernelRouteDelete},
+    {tarnwire::PROBE_RESULT, probeResult},
 };
 
 constexpr bool everyOpHasARow() {

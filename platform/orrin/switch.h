@@ -85,6 +85,20 @@ struct ArpEntry {
   uint32_t state = 0;     // KERNEL: NUD_*
 };
 
+// What the agent reported of an IP SLA operation, since orrin was started. The round trips are those of the codes that
+// have one.
+struct IpSlaReports {
+  enum Code : uint32_t { IN_TIME, FAILED, ABOVE_THRESHOLD, CODE_COUNT };
+
+  uint32_t code = IN_TIME; // of the last one, as the two below
+  uint32_t msec = 0;
+  uint32_t usec = 0; // round trip; FAILED: since the request
+  std::array<uint64_t, CODE_COUNT> counts{};
+  uint32_t lowestUsec = UINT32_MAX;
+  uint32_t highestUsec = 0;
+  uint64_t sumUsec = 0;
+};
+
 struct Vrf {
   uint32_t id = 0;
   std::string name;
@@ -101,7 +115,8 @@ struct Vrf {
   std::map<uint32_t, ArpEntry> arp; // by address
   Outbox resolutions;               // for the agent
   uint64_t resolutionsMade = 0;
-  uint64_t resolutionsLost = 0; // no agent was there, or it did not read
+  uint64_t resolutionsLost = 0;           // no agent was there, or it did not read
+  std::map<uint32_t, IpSlaReports> ipSla; // by operation
 };
 
 enum class ClientKind : uint8_t { BEST_ROUTE, ROUTER_EVENT };

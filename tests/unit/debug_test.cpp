@@ -61,7 +61,8 @@ TEST_F(DebugTest, EveryOperationIsRegisteredUnderItsName) {
        {"mirelDebugFlagsSet", "mirelDebugFlagsGet", "rtoDebugMaskGet", "rtoDebugMaskSet", "rtoDebugDisableAll",
         "rtoDebugEnableAll", "mirelBestRoutePollTimeSet", "mirelBestRouteApplyTimeSet", "mirelStatsShow",
         "mirelEventCountShow", "mirelIntfEventCountShow", "mirelStatsClear", "mirelBestRouteClientShow",
-        "mirelRouterEventClientShow", "mirelIntIfInfoShow", "rtoNetlinkStatsShow", "rtoNetlinkStatsClear"}) {
+        "mirelRouterEventClientShow", "mirelIntIfInfoShow", "rtoNetlinkStatsShow", "rtoNetlinkStatsClear",
+        "probeAgentDebugSet", "probeAgentDebugGet"}) {
     EXPECT_TRUE(registered.contains(name)) << name;
   }
 }

@@ -61,9 +61,9 @@ std::string descriptorText(int fd) {
   return storage.ss_family == AF_NETLINK ? "netlink" : "socket";
 }
 
-// A line for the set, only when it is not that of the last time.
+// A line for the set, only when it is not that of the thread's last time.
 void selectRecord(int count, const fd_set *readable, const timeval *wait) {
-  static std::string last;
+  thread_local std::string last;
   std::vector<std::string> watched;
   int highest = -1;
   for (int fd = 0; fd < count; ++fd) {
@@ -113,13 +113,12 @@ extern "C" int select(int count, fd_set *readable, fd_set *writable, fd_set *fai
     errno = error;
     return answer->result;
   }
-  timespec limit{};
+  static thread_local timespec limit; // no array may be alive where a thread is cancelled
   if (wait != nullptr) {
     const long milliseconds = std::min(selectMilliseconds, wait->tv_sec * 1000 + wait->tv_usec / 1000);
     limit = {milliseconds / 1000, milliseconds % 1000 * 1000000};
   }
-  return static_cast<int>(
-      syscall(SYS_pselect6, count, readable, writable, failed, wait == nullptr ? nullptr : &limit, nullptr));
+  return pselect(count, readable, writable, failed, wait == nullptr ? nullptr : &limit, nullptr);
 }
 
 extern "C" int system(const char *command) {

@@ -1,11 +1,12 @@
-// The procedures that the agent serves: their table, the reading of their arguments, and what is asked of the kernel's ARP
-// cache. On the RPC server's thread, one at a time; arguments lie unaligned in the request.
+// The procedures that the agent serves: their table, the reading of their arguments, and what probes and ARP entries are
+// asked of. On the RPC server's thread, one at a time; arguments lie unaligned in the request.
 
 #include "mirel_rpc.h"
 
 #include "mirel_arp.h"
 #include "mirel_context.h"
 #include "mirel_router_table.h"
+#include "vr_ipslaprobe_util.h"
 
 #include <arpa/inet.h>
 #include <array>
@@ -46,6 +47,15 @@ uint32_t statsGet(rpcArgRef *const *args) {
   return result;
 }
 
+uint32_t probeStart(rpcArgRef *const *args) {
+  return mirelRpcProbeStart(wordOf(args[1]), wordOf(args[2]), wordOf(args[3]), wordOf(args[4]), wordOf(args[5]),
+                            wordOf(args[6]), wordOf(args[7]), wordOf(args[8]));
+}
+
+uint32_t probeStop(rpcArgRef *const *args) {
+  return mirelRpcProbeStop(wordOf(args[1]), wordOf(args[2]));
+}
+
 uint32_t arpEntryAdd(rpcArgRef *const *args) {
   return mirelRpcArpEntryAdd(wordOf(args[1]), wordOf(args[2]), args[3]->data, wordOf(args[4]), wordOf(args[5]));
 }
@@ -57,12 +67,17 @@ uint32_t handler(uint32_t argCount, rpcArgRef *const *args, uint32_t *result) {
 }
 
 extern const rpcProcDesc STATS_GET;
+extern const rpcProcDesc PROBE_START;
+extern const rpcProcDesc PROBE_STOP;
 extern const rpcProcDesc ARP_ENTRY_ADD;
 
 constexpr rpcProcDesc STATS_GET{handler<STATS_GET, statsGet>, 4, {WORD, WORD, WORD, WORD}};
+constexpr rpcProcDesc PROBE_START{
+    handler<PROBE_START, probeStart>, 9, {WORD, WORD, WORD, WORD, WORD, WORD, WORD, WORD, WORD}};
+constexpr rpcProcDesc PROBE_STOP{handler<PROBE_STOP, probeStop>, 3, {WORD, WORD, WORD}};
 constexpr rpcProcDesc ARP_ENTRY_ADD{handler<ARP_ENTRY_ADD, arpEntryAdd>, 6, {WORD, WORD, WORD, MAC_LENGTH, WORD, WORD}};
 
-constexpr std::array<const rpcProcDesc *, RPC_PROCEDURES> PROCEDURES = {nullptr, &STATS_GET, nullptr, nullptr,
+constexpr std::array<const rpcProcDesc *, RPC_PROCEDURES> PROCEDURES = {nullptr, &STATS_GET, &PROBE_START, &PROBE_STOP,
                                                                         &ARP_ENTRY_ADD};
 
 constexpr rpcProcTable mirelRpcProcTable{PROCEDURES};
@@ -75,6 +90,20 @@ const rpcProcTable *mirelRpcProcTableGet() {
 
 void mirelRpcControlsOpen() {
   controlsOpen.store(true, std::memory_order_release);
+}
+
+uint32_t mirelRpcProbeStart(uint32_t vrfId, uint32_t ipSlaId, uint32_t targetAddr, uint32_t sourceAddr,
+                            uint32_t frequencySec, uint32_t thresholdMsec, uint32_t timeoutMsec, uint32_t payloadSize) {
+  if (!usable(vrfId)) {
+    return FAILURE;
+  }
+  const uint32_t result = probeAgentProbeSessionAlloc(ipSlaId, targetAddr, sourceAddr, frequencySec, thresholdMsec,
+                                                      timeoutMsec, payloadSize);
+  return result != 0 ? result : probeAgentProbeSessionStart(ipSlaId);
+}
+
+uint32_t mirelRpcProbeStop(uint32_t vrfId, uint32_t ipSlaId) {
+  return usable(vrfId) ? probeAgentProbeSessionStop(ipSlaId) : FAILURE;
 }
 
 uint32_t mirelRpcArpEntryAdd(uint32_t vrfId, uint32_t addrNetworkOrder, const uint8_t *mac, uint32_t intIfNum,

@@ -22,6 +22,10 @@ Bytes arpRequest() {
   return request(4, {word(99), word(3), Bytes{10, 0, 0, 7}, Bytes{2, 0, 0, 0, 0, 9}, word(5), word(0)});
 }
 
+Bytes probeStopRequest() {
+  return request(3, {word(99), word(3), word(17)});
+}
+
 uint32_t resultOf(const Bytes &reply) {
   EXPECT_EQ(statusOf(reply), 0);
   return get(reply, slotAt(reply, 0));
@@ -48,6 +52,7 @@ TEST(RpcAgent, BeforeThePlatformAnswers) {
   const Client client(SERVER, "/tmp/dxctest.03");
   EXPECT_EQ(resultOf(firstAnswer(client)), 0U);
   EXPECT_EQ(resultOf(client.call(arpRequest())), 1U);
+  EXPECT_EQ(resultOf(client.call(probeStopRequest())), 1U);
   EXPECT_EQ(client.call(Bytes(10)), refusal());
   EXPECT_THAT(agent.trace(), Not(Contains("rpcclt_tarnapiRtrIntfTypeGet 5")));
 }
@@ -57,6 +62,7 @@ TEST(RpcAgent, AfterStartUp) {
   agent.passes(1);
   const Client client(SERVER, "/tmp/dxctest.03");
   EXPECT_EQ(resultOf(firstAnswer(client)), 0U);
+  EXPECT_EQ(resultOf(client.call(probeStopRequest())), 0U);
   EXPECT_EQ(resultOf(client.call(arpRequest())), 1U); // there is no device of the index that the platform names
   EXPECT_THAT(agent.trace(), Contains("rpcclt_tarnapiRtrIntfTypeGet 5"));
 }

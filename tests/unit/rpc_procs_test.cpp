@@ -5,8 +5,11 @@
 #include "router_test.h"
 #include "rpc_test.h"
 #include "snmp_monitor.h"
+#include "vr_ipslaprobe_util_session.h"
 
+#include <chrono>
 #include <net/if.h>
+#include <thread>
 
 namespace {
 
@@ -46,6 +49,11 @@ std::vector<Slot> arpSlots() {
   return {word(PRESET), word(VRF), Bytes{192, 0, 2, 9}, Bytes{2, 0, 0, 0, 0, 9}, word(5), word(77)};
 }
 
+// To a group, which is refused when the session is started.
+std::vector<Slot> probeSlots() {
+  return words({VRF, 17, ipv4(224, 0, 0, 7), ipv4(192, 0, 2, 77), 30, 500, 1000, 64});
+}
+
 class RpcProcs : public RouterTest {
 protected:
   static void SetUpTestSuite() {
@@ -64,56 +72,141 @@ protected:
   }
   ~RpcProcs() override { arpIoctlSock = -1; }
 
+  static void probeTaskEnd() {
+    probeAgentCnfgrUconfigPhase2Process();
+    const auto running = [] {
+      const ProbeLock lock;
+      return probeAgentTaskId != 0;
+    };
+    for (int tries = 0; tries < 1000 && running(); ++tries) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    EXPECT_FALSE(running());
+  }
+
   const UniqueFd requests{socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
 };
 
 // The first test, since nothing closes them again.
 TEST_F(RpcProcs, ClosedUntilStartUpOpensThem) {
+  EXPECT_EQ(resultOf(processed(request(2, probeSlots()))), 1U);
+  EXPECT_EQ(resultOf(processed(request(3, words({VRF, 17})))), 1U);
   EXPECT_EQ(resultOf(processed(request(4, arpSlots()))), 1U);
   EXPECT_EQ(resultOf(processed(request(1, words({VRF, 0xF0000, 0})))), 0U);
   EXPECT_EQ(scripted::takeCalls(), Lines{});
 }
 
-// Requests with all reserved fields set, and their CRC, as another program has made them.
+// Requests with their reserved fields set and the CRC of another program. Each reply is the request without the CRC, the
+// status and the words at the end of it written over.
 TEST_F(RpcProcs, GoldenBytes) {
-  const std::string unusedOffsets(8 * 17, '0');
-  const std::string head = "1112131415161718"
-                           "55555555"
-                           "2122232425262728";
-  const std::string replyHead = "1112131415161718"
-                                "00000000"
-                                "2122232425262728";
-  const std::string rest = "04000000"
-                           "00000000"
-                           "08000000"
-                           "10000000"
-                           "18000000" +
-                           unusedOffsets;
-  const std::string question = "9c000000"
-                               "00000000"
-                               "01000000" +
-                               head + rest +
-                               "04000000"
-                               "00000000"
-                               "04000000"
-                               "03000000"
-                               "04000000"
-                               "00000f00"
-                               "04000000"
-                               "aaaaaaaa";
-  const std::string answer = "9c000000"
-                             "00000000"
-                             "01000000" +
-                             replyHead + rest +
-                             "04000000"
-                             "00000000"
-                             "04000000"
-                             "03000000"
-                             "04000000"
-                             "00000f00"
-                             "04000000"
-                             "02010000";
-  EXPECT_EQ(processed(bytesOf(question + "b6cf47a5")), bytesOf(answer));
+  mirelRpcControlsOpen();
+  vrIpSlaProbeAgentProcessInit();
+  const std::string reserved = "1112131415161718";
+  const std::string reserved24 = "2122232425262728";
+  const std::string status = "55555555";
+  const struct {
+    std::string head;
+    std::string offsets; // the other slots' are 0
+    std::string records; // behind that of the result
+    std::string crc;
+    std::string recordsBack;
+  } CASES[] = {
+      {"9c000000"
+       "00000000"
+       "01000000",
+       "04000000"
+       "00000000"
+       "08000000"
+       "10000000"
+       "18000000",
+       "04000000"
+       "03000000"
+       "04000000"
+       "00000f00"
+       "04000000"
+       "aaaaaaaa",
+       "43da5da9",
+       "04000000"
+       "03000000"
+       "04000000"
+       "00000f00"
+       "04000000"
+       "02010000"},
+      {"c4000000"
+       "00000000"
+       "02000000",
+       "09000000"
+       "00000000"
+       "08000000"
+       "10000000"
+       "18000000"
+       "20000000"
+       "28000000"
+       "30000000"
+       "38000000"
+       "40000000",
+       "04000000"
+       "03000000"
+       "04000000"
+       "11000000"
+       "04000000"
+       "0700000a"
+       "04000000"
+       "00000000"
+       "04000000"
+       "1e000000"
+       "04000000"
+       "f4010000"
+       "04000000"
+       "e8030000"
+       "04000000"
+       "40000000",
+       "c8005ebd", ""},
+      {"94000000"
+       "00000000"
+       "03000000",
+       "03000000"
+       "00000000"
+       "08000000"
+       "10000000",
+       "04000000"
+       "03000000"
+       "04000000"
+       "11000000",
+       "9d0d2c4e", ""},
+      {"ae000000"
+       "00000000"
+       "04000000",
+       "06000000"
+       "00000000"
+       "08000000"
+       "10000000"
+       "18000000"
+       "22000000"
+       "2a000000",
+       "04000000"
+       "03000000"
+       "04000000"
+       "0a000007"
+       "06000000"
+       "020406080a0c"
+       "04000000"
+       "05000000"
+       "04000000"
+       "00000000",
+       "ae93773c", ""},
+  };
+  scripted::script("osapiStackIfIndexGet: 0 " + std::to_string(if_nametoindex("rt1")));
+  for (const auto &row : CASES) {
+    const std::string offsets = row.offsets + std::string(8 * 22 - row.offsets.size(), '0');
+    const std::string question =
+        row.head + reserved + status + reserved24 + offsets + "0400000009000000" + row.records + row.crc;
+    const std::string answer = row.head + reserved + "00000000" + reserved24 + offsets + "0400000000000000" +
+                               (row.recordsBack.empty() ? row.records : row.recordsBack);
+    EXPECT_EQ(processed(bytesOf(question)), bytesOf(answer)) << question;
+  }
+  shell("ip neigh show dev rt1 | grep -q '^10.0.0.7 lladdr 02:04:06:08:0a:0c' && ip neigh flush dev rt1");
+  probeTaskEnd();
 }
 
 TEST_F(RpcProcs, Statistics) {
@@ -152,6 +245,8 @@ TEST_F(RpcProcs, RefusedArguments) {
     std::vector<Slot> slots;
   } CASES[] = {
       {1, words({VRF, 0xF0000, 7})},
+      {2, probeSlots()},
+      {3, words({VRF, 17})},
       {4, arpSlots()},
   };
   for (const auto &row : CASES) {
@@ -176,6 +271,27 @@ TEST_F(RpcProcs, RefusedArguments) {
     slots.pop_back();
     refused(slots, "one slot too few");
   }
+}
+
+TEST_F(RpcProcs, Probes) {
+  mirelRpcControlsOpen();
+  vrIpSlaProbeAgentProcessInit();
+  EXPECT_EQ(resultOf(processed(request(2, probeSlots()))), 1U);
+  ASSERT_NE(pingSessionTable[17], nullptr); // created, but not started
+  const pingSessionEntry entry = *pingSessionTable[17];
+  EXPECT_EQ(entry.sessionState, PING_SESSION_ALLOCATED);
+  EXPECT_EQ(entry.targetAddr, ipv4(224, 0, 0, 7));
+  EXPECT_EQ(entry.sourceAddr, ipv4(192, 0, 2, 77));
+  EXPECT_EQ(entry.frequencyUsec, 30000000U);
+  EXPECT_EQ(entry.thresholdUsec, 500000U);
+  EXPECT_EQ(entry.timeoutUsec, 1000000U);
+  EXPECT_EQ(entry.dataSize, 64);
+  EXPECT_EQ(resultOf(processed(request(2, probeSlots()))), 1U); // the id is taken
+  EXPECT_EQ(resultOf(processed(request(3, words({VRF, 17})))), 0U);
+  EXPECT_EQ(pingSessionTable[17], nullptr);
+  EXPECT_EQ(resultOf(processed(request(3, words({VRF, 17})))), 0U);
+  EXPECT_EQ(resultOf(processed(request(3, words({VRF, 129})))), 1U);
+  probeTaskEnd();
 }
 
 TEST_F(RpcProcs, ArpEntries) {

@@ -131,6 +131,19 @@ TEST_F(ProbeTest, States) {
   EXPECT_EQ(activeSessionCount, 1u);
 }
 
+TEST_F(ProbeTest, Trace) {
+  for (const uint32_t flag : {0u, 2u}) {
+    probeAgentDebugSet(flag);
+    EXPECT_EQ(printed([] { alloc(0); }), "") << flag;
+  }
+  probeAgentDebugSet(1);
+  EXPECT_EQ(probeAgentDebugGet(), 1u);
+  EXPECT_THAT(printed([] { alloc(0); }),
+              testing::MatchesRegex("\n \\[VRF-ID:3\\] [0-9]+: probeAgentProbeSessionAlloc : \n\\."
+                                    "\n \\[VRF-ID:3\\] [0-9]+: probeAgentProbeSessionAlloc : \n\n\\."));
+  probeAgentDebugSet(0);
+}
+
 TEST_F(ProbeTest, SocketThatCannotBe) {
   const struct {
     uint32_t target;

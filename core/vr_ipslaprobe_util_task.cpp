@@ -156,16 +156,14 @@ void sessionsServe(const ProbeWait &wait, uint32_t elapsedUsec) {
   });
 }
 
-// Serves what the wait brought, if there was one, and makes ready for the next. False ends the task: no session runs, or
-// it was cancelled while it did not wait.
-bool nextPass(ProbeWait &wait, std::optional<uint32_t> elapsedUsec) {
+// Serves what the wait of so many microseconds brought, and makes ready for the next. False ends the task: no session runs, or
+// it was cancelled while it did not wait. Not inlined, as the clock's reading is not: its locals must be gone in the wait.
+[[gnu::noinline]] bool nextPass(ProbeWait &wait, uint32_t elapsedUsec) {
   const ProbeLock lock;
   if (pthread_equal(probeAgentTaskId, pthread_self()) == 0) {
     return false;
   }
-  if (elapsedUsec) {
-    sessionsServe(wait, *elapsedUsec);
-  }
+  sessionsServe(wait, elapsedUsec);
   if (activeSessionCount == 0) {
     probeAgentTaskId = 0;
     return false;
@@ -175,7 +173,7 @@ bool nextPass(ProbeWait &wait, std::optional<uint32_t> elapsedUsec) {
   return true;
 }
 
-uint64_t monotonicUsec() {
+[[gnu::noinline]] uint64_t monotonicUsec() {
   timespec now{};
   clock_gettime(CLOCK_MONOTONIC, &now);
   return static_cast<uint64_t>(now.tv_sec) * USEC_PER_SEC + static_cast<uint64_t>(now.tv_nsec / NSEC_PER_USEC);
@@ -234,9 +232,9 @@ void *probeAgentTask(void *) {
   cancellationDisable(); // a thread is born with it enabled, but cannot be cancelled before it first waits
   pthread_detach(pthread_self());
   probeAgentTrace("%d: %s : \n", __LINE__, TASK_OPERATION);
-  bool on = nextPass(probeWait, std::nullopt);
-  while (on) {
-    on = nextPass(probeWait, cancellableWait(probeWait));
+  uint32_t elapsedUsec = 0;
+  while (nextPass(probeWait, elapsedUsec)) {
+    elapsedUsec = cancellableWait(probeWait);
   }
   probeAgentTrace("%d: %s : \n\n", __LINE__, TASK_OPERATION);
   return nullptr;

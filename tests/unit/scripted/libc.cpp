@@ -85,6 +85,27 @@ void selectRecord(int count, const fd_set *readable, const timeval *wait) {
   }
 }
 
+[[gnu::noinline]] timespec waitLimit(const timeval &wait) {
+  const long milliseconds = std::min(selectMilliseconds, wait.tv_sec * 1000 + wait.tv_usec / 1000);
+  return {milliseconds / 1000, milliseconds % 1000 * 1000000};
+}
+
+// Records the call; true when the script answers it.
+[[gnu::noinline]] bool selectAnswered(int count, const fd_set *readable, const timeval *wait, int &result) {
+  if (readable != nullptr && wait != nullptr) {
+    selectRecord(count, readable, wait);
+  }
+  const auto answer = scripted::queuedAnswer("select");
+  if (!answer) {
+    return false;
+  }
+  const int error = answer->outputs.empty() ? 0 : atoi(answer->outputs[0].c_str());
+  scripted::traceTo("select fails with " + std::to_string(error));
+  result = answer->result;
+  errno = error;
+  return true;
+}
+
 } // namespace
 
 void scripted::clockSet(uint64_t seconds) {
@@ -104,19 +125,13 @@ extern "C" int clock_gettime(clockid_t id, timespec *now) noexcept {
 }
 
 extern "C" int select(int count, fd_set *readable, fd_set *writable, fd_set *failed, timeval *wait) {
-  if (readable != nullptr && wait != nullptr) {
-    selectRecord(count, readable, wait);
+  static thread_local int result;
+  static thread_local timespec limit; // nothing may be alive on a stack where a thread is cancelled
+  if (selectAnswered(count, readable, wait, result)) {
+    return result;
   }
-  if (const auto answer = scripted::queuedAnswer("select")) {
-    const int error = answer->outputs.empty() ? 0 : atoi(answer->outputs[0].c_str());
-    scripted::traceTo("select fails with " + std::to_string(error));
-    errno = error;
-    return answer->result;
-  }
-  static thread_local timespec limit; // no array may be alive where a thread is cancelled
   if (wait != nullptr) {
-    const long milliseconds = std::min(selectMilliseconds, wait->tv_sec * 1000 + wait->tv_usec / 1000);
-    limit = {milliseconds / 1000, milliseconds % 1000 * 1000000};
+    limit = waitLimit(*wait);
   }
   return pselect(count, readable, writable, failed, wait == nullptr ? nullptr : &limit, nullptr);
 }

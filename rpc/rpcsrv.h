@@ -73,8 +73,7 @@ struct rpcsrvCtrl {
   Relaxed<int> sock; // or RPCSRV_ABSENT, RPCSRV_NO_SOCKET
   uint32_t bound;
   rpcsrvStats *stats;
-  uint8_t *message;   // RPC_MSG_MAX bytes, for a request and its reply
-  size_t messageUsed; // of them, by the last request and its reply
+  uint8_t *message; // RPC_MSG_MAX bytes, for a request and its reply; all 0 between two
   sockaddr_un peer;
   socklen_t peerLength;
 };

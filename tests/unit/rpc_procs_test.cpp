@@ -83,6 +83,8 @@ protected:
       std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
     EXPECT_FALSE(running());
+    osapiSemaDelete(pingSessionTableSema);
+    pingSessionTableSema = nullptr;
   }
 
   const UniqueFd requests{socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)};

@@ -84,6 +84,19 @@ void retire(Switch &sw, Client &client) {
   }
 }
 
+// What the client's forerunner, which goes, was owed; without one, what it cannot ask for. A client that is restored may have
+// acknowledged that already: twice does no harm.
+void takeOver(Switch &sw, Client &client, Client *before) {
+  if (before != nullptr) {
+    client.changes = std::move(before->changes);
+    client.events = std::move(before->events);
+    client.hadEvents = before->hadEvents;
+    sw.clients.erase(before->id);
+  } else if (client.kind == ClientKind::ROUTER_EVENT) {
+    greetNewcomer(sw, client);
+  }
+}
+
 // What unregistered clients left is kept for so many names; the oldest goes first.
 void limitLegacies(Switch &sw) {
   const auto isLegacy = [](const auto &entry) { return !entry.second.registered; };
@@ -131,12 +144,6 @@ int32_t registerClient(Switch &sw, ClientKind kind, uint32_t vrf, const Applican
   if (registered >= static_cast<ptrdiff_t>(CLIENTS_MAX)) {
     return TARN_FULL;
   }
-  if (before != nullptr) {
-    client.changes = std::move(before->changes);
-    client.events = std::move(before->events);
-    client.hadEvents = before->hadEvents;
-    sw.clients.erase(before->id);
-  }
   client.kind = kind;
   client.id = sw.nextClientId++;
   client.vrf = vrf;
@@ -144,9 +151,7 @@ int32_t registerClient(Switch &sw, ClientKind kind, uint32_t vrf, const Applican
   client.process = who.process == who.pid ? 0 : who.process;
   client.started = processStartTime(who.process);
   client.name = name;
-  if (before == nullptr && kind == ClientKind::ROUTER_EVENT) {
-    greetNewcomer(sw, client);
-  }
+  takeOver(sw, client, before);
   id = client.id;
   sw.journal.append(clientLine(client));
   activate(sw, sw.clients[id] = std::move(client), openProcess(who.process));
@@ -157,14 +162,7 @@ std::string restoreClient(Switch &sw, Client client) {
   if (sw.clients.contains(client.id)) {
     return "there is a client " + std::to_string(client.id) + " already";
   }
-  if (Client *before = findNamed(sw, client.kind, client.vrf, client.name)) {
-    client.changes = std::move(before->changes);
-    client.events = std::move(before->events);
-    client.hadEvents = before->hadEvents;
-    sw.clients.erase(before->id);
-  } else if (client.kind == ClientKind::ROUTER_EVENT) {
-    greetNewcomer(sw, client); // whatever it has acknowledged: twice does no harm
-  }
+  takeOver(sw, client, findNamed(sw, client.kind, client.vrf, client.name));
   client.changes.retire();
   client.registered = true;
   sw.nextClientId = std::max(sw.nextClientId, client.id + 1);

@@ -7,6 +7,7 @@
 #include "mirel_router_event.h"
 
 #include <cstdio>
+#include <vector>
 
 namespace {
 
@@ -16,16 +17,23 @@ uint32_t eventCount(uint32_t msgType) {
   return msgType <= MIREL_EVENT_TYPE_MAX ? statsHandle.eventCount[msgType].get() : 0;
 }
 
-void intfEventCountPrint(uint32_t intIfNum) {
-  printf("\n The number of events received on interface-%u for \n", intIfNum);
+std::string eventLabel(const char *enumName) {
+  char label[64];
+  snprintf(label, sizeof label, "%-32s: ", enumName);
+  return label;
+}
+
+void intfEventCountPrint(ShowOutput &out, uint32_t intIfNum) {
+  std::vector<ShowRow> rows = {{"\n The number of events received on interface-", "interface", intIfNum, " for \n"}};
   for (const RouterEventType &row : mirelRouterEventTypes()) {
     if (row.intfCounter == nullptr || row.type == TARNR_RTR_INTF_HOST_MODE) {
       continue; // host mode is counted, but never printed
     }
     const uint32_t count =
         intIfNum <= MIREL_INT_IF_NUM_MAX ? (statsHandle.intfEventCount[intIfNum].*row.intfCounter).get() : 0;
-    printf("%-32s: %u\n", row.enumName, count);
+    rows.emplace_back(eventLabel(row.enumName), row.enumName, count);
   }
+  out.rows(rows);
 }
 
 } // namespace
@@ -66,55 +74,61 @@ void mirelBestRouteApplyTimeSet(uint32_t seconds) {
   mirelBestRouteApplyTime = seconds;
 }
 
-void mirelStatsShow() {
+void mirelStatsShow(ShowForm form) {
   const MirelStats &stats = statsHandle;
-  printf("\n#### mirel stats ####\n"
-         "Arp Req Errors:            %u \n"
-         "Arp Reqs:                  %u \n"
-         "Arp Resolve Errors:        %u \n"
-         "Arp Resolves:              %u \n"
-         "Kernel Arp Adds received:  %u \n"
-         "Kernel Arp Dels received:  %u \n"
-         "Kernel Arp Adds processed: %u \n"
-         "Kernel Arp Dels processed:  %u \n"
-         "Routes Added:              %u \n"
-         "Route Add Errors:          %u \n"
-         "Routes Deleted:            %u \n"
-         "Route Delete Errors:       %u \n"
-         "Routes Modified:           %u \n"
-         "Route Modify Errors:       %u \n"
-         "RPC Errors:                %u \n"
-         "Stack errors:              %u \n",
-         stats.numArpReqErrors.get(), stats.numArpReqs.get(), stats.numArpResolveErrors.get(),
-         stats.numArpResolves.get(), stats.numKernelArpAddsRcvd.get(), stats.numKernelArpDelsRcvd.get(),
-         stats.numKernelArpAddsProcessed.get(), stats.numKernelArpDelsProcessed.get(), stats.numRoutesAdded.get(),
-         stats.numRouteAddErrors.get(), stats.numRoutesDeleted.get(), stats.numRouteDeleteErrors.get(),
-         stats.numRoutesModified.get(), stats.numRouteModifyErrors.get(), stats.numRpcErrors.get(),
-         stats.numStackErrors.get());
-  printf("Active Routes:             %u \n", stats.numActiveRoutes.get());
-  printf("Rtr Event Client Timeouts: %u \n", stats.numRecTimeout.get());
-  printf("Best Rt Client Timeouts:   %u \n", stats.numBrcTimeout.get());
+  const auto line = [](const char *label, const char *key, const Counter &counter) {
+    return ShowRow(label, key, counter.get(), " \n");
+  };
+  const ShowRow block[] = {
+      {"\n#### mirel stats ####\n"},
+      line("Arp Req Errors:            ", "numArpReqErrors", stats.numArpReqErrors),
+      line("Arp Reqs:                  ", "numArpReqs", stats.numArpReqs),
+      line("Arp Resolve Errors:        ", "numArpResolveErrors", stats.numArpResolveErrors),
+      line("Arp Resolves:              ", "numArpResolves", stats.numArpResolves),
+      line("Kernel Arp Adds received:  ", "numKernelArpAddsRcvd", stats.numKernelArpAddsRcvd),
+      line("Kernel Arp Dels received:  ", "numKernelArpDelsRcvd", stats.numKernelArpDelsRcvd),
+      line("Kernel Arp Adds processed: ", "numKernelArpAddsProcessed", stats.numKernelArpAddsProcessed),
+      line("Kernel Arp Dels processed:  ", "numKernelArpDelsProcessed", stats.numKernelArpDelsProcessed),
+      line("Routes Added:              ", "numRoutesAdded", stats.numRoutesAdded),
+      line("Route Add Errors:          ", "numRouteAddErrors", stats.numRouteAddErrors),
+      line("Routes Deleted:            ", "numRoutesDeleted", stats.numRoutesDeleted),
+      line("Route Delete Errors:       ", "numRouteDeleteErrors", stats.numRouteDeleteErrors),
+      line("Routes Modified:           ", "numRoutesModified", stats.numRoutesModified),
+      line("Route Modify Errors:       ", "numRouteModifyErrors", stats.numRouteModifyErrors),
+      line("RPC Errors:                ", "numRpcErrors", stats.numRpcErrors),
+      line("Stack errors:              ", "numStackErrors", stats.numStackErrors),
+  };
+  ShowOutput out(form, ShowOutput::ONE_RECORD);
+  out.rows(block);
+  out.row(line("Active Routes:             ", "numActiveRoutes", stats.numActiveRoutes));
+  out.row(line("Rtr Event Client Timeouts: ", "numRecTimeout", stats.numRecTimeout));
+  out.row(line("Best Rt Client Timeouts:   ", "numBrcTimeout", stats.numBrcTimeout));
 }
 
-void mirelEventCountShow(uint32_t msgType) {
-  printf("\n The number of events received for \n");
+void mirelEventCountShow(uint32_t msgType, ShowForm form) {
+  ShowOutput out(form, ShowOutput::ONE_RECORD);
+  out.row({"\n The number of events received for \n"});
   if (msgType != 0) {
-    printf("the given message type : %u\n", eventCount(msgType));
+    out.row({"", "type", msgType});
+    out.row({"the given message type : ", "count", eventCount(msgType)});
     return;
   }
   for (const RouterEventType &row : mirelRouterEventTypes()) {
     if (row.hasFixedRow) {
-      printf("%-32s: %u\n", row.enumName, eventCount(row.type));
+      out.row({eventLabel(row.enumName), row.enumName, eventCount(row.type)});
     }
   }
 }
 
-void mirelIntfEventCountShow(uint32_t intIfNum) {
+void mirelIntfEventCountShow(uint32_t intIfNum, ShowForm form) {
   if (intIfNum != 0) {
-    intfEventCountPrint(intIfNum);
+    ShowOutput out(form, ShowOutput::ONE_RECORD);
+    intfEventCountPrint(out, intIfNum);
   } else {
+    ShowOutput out(form, ShowOutput::LIST);
     for (uint32_t number = 1; number <= MIREL_INT_IF_NUM_MAX; ++number) {
-      intfEventCountPrint(number);
+      out.record();
+      intfEventCountPrint(out, number);
     }
   }
   fflush(stdout);
@@ -124,25 +138,31 @@ void mirelStatsClear() {
   static_cast<MirelEventStats &>(statsHandle) = MirelEventStats{};
 }
 
-void mirelBestRouteClientShow() {
-  printf("\n");
-  printf("currentGetTime()          : %u\n", currentGetTime());
-  printf("brc_client_keepalive_time : %u\n", brc_client_keepalive_time.get());
-  printf("mirelBestRouteApplyTime : %u\n", mirelBestRouteApplyTime.get());
-  printf("bestRouteChangePending    : %u\n", bestRouteChangePending.get());
-  printf("mirelBestRoutePollTime  : %u\n", mirelBestRoutePollTime.get());
-  printf("statsHandle.numBrcTimeout : %u\n", statsHandle.numBrcTimeout.get());
-  printf("brc_client_id             : %u\n", brc_client_id.get());
-  printf("brc_sock_fd               : %d\n", brc_sock_fd.get());
-  printf("\n");
+void mirelBestRouteClientShow(ShowForm form) {
+  const ShowRow rows[] = {
+      {"\n"},
+      {"currentGetTime()          : ", "currentGetTime", currentGetTime()},
+      {"brc_client_keepalive_time : ", "brc_client_keepalive_time", brc_client_keepalive_time},
+      {"mirelBestRouteApplyTime : ", "mirelBestRouteApplyTime", mirelBestRouteApplyTime},
+      {"bestRouteChangePending    : ", "bestRouteChangePending", bestRouteChangePending},
+      {"mirelBestRoutePollTime  : ", "mirelBestRoutePollTime", mirelBestRoutePollTime},
+      {"statsHandle.numBrcTimeout : ", "numBrcTimeout", statsHandle.numBrcTimeout},
+      {"brc_client_id             : ", "brc_client_id", brc_client_id},
+      {"brc_sock_fd               : ", "brc_sock_fd", brc_sock_fd},
+      {"\n"},
+  };
+  ShowOutput(form, ShowOutput::ONE_RECORD).rows(rows);
 }
 
-void mirelRouterEventClientShow() {
-  printf("\n");
-  printf("currentGetTime()          : %u\n", currentGetTime());
-  printf("rppi_evnt_keepalive_time  : %u\n", rppi_evnt_keepalive_time.get());
-  printf("statsHandle.numRecTimeout : %u\n", statsHandle.numRecTimeout.get());
-  printf("rppi_evnt_fd              : %d\n", rppi_evnt_fd.get());
-  printf("rppi_evnt_client_id       : %u\n", rppi_evnt_client_id.get());
-  printf("\n");
+void mirelRouterEventClientShow(ShowForm form) {
+  const ShowRow rows[] = {
+      {"\n"},
+      {"currentGetTime()          : ", "currentGetTime", currentGetTime()},
+      {"rppi_evnt_keepalive_time  : ", "rppi_evnt_keepalive_time", rppi_evnt_keepalive_time},
+      {"statsHandle.numRecTimeout : ", "numRecTimeout", statsHandle.numRecTimeout},
+      {"rppi_evnt_fd              : ", "rppi_evnt_fd", rppi_evnt_fd},
+      {"rppi_evnt_client_id       : ", "rppi_evnt_client_id", rppi_evnt_client_id},
+      {"\n"},
+  };
+  ShowOutput(form, ShowOutput::ONE_RECORD).rows(rows);
 }

@@ -2,6 +2,8 @@
 // debug shell's thread and bear being called before anything is set up.
 #pragma once
 
+#include "mirel_show.h"
+
 #include <cstdint>
 
 void mirelDebugFlagsSet(uint32_t mask);
@@ -15,12 +17,12 @@ void rtoDebugEnableAll();
 void mirelBestRoutePollTimeSet(uint32_t seconds);
 void mirelBestRouteApplyTimeSet(uint32_t seconds);
 
-void mirelStatsShow();
-void mirelEventCountShow(uint32_t msgType);      // 0 = every type that has a fixed row
-void mirelIntfEventCountShow(uint32_t intIfNum); // 0 = every interface
-void mirelStatsClear();                          // all counters but the active routes
-void mirelBestRouteClientShow();
-void mirelRouterEventClientShow();
+void mirelStatsShow(ShowForm form);
+void mirelEventCountShow(uint32_t msgType, ShowForm form);      // 0 = every type that has a fixed row
+void mirelIntfEventCountShow(uint32_t intIfNum, ShowForm form); // 0 = every interface
+void mirelStatsClear();                                         // all counters but the active routes
+void mirelBestRouteClientShow(ShowForm form);
+void mirelRouterEventClientShow(ShowForm form);
 
 // Registers every debug operation of the agent with the debug shell, under its name.
 void mirelShellOperationsRegister();

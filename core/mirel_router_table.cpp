@@ -111,6 +111,18 @@ MirelIntIfInfo entryCopy(uint32_t intIfNum) {
   return mirelIntIfInfoTable != nullptr && hasEntry(intIfNum) ? mirelIntIfInfoTable[intIfNum] : MirelIntIfInfo{};
 }
 
+// The two forms of the table differ in more than their first line.
+void entryPrint(ShowOutput &out, uint32_t intIfNum, const char *numberLabel, const char *deviceLabel) {
+  const MirelIntIfInfo entry = entryCopy(intIfNum);
+  const ShowRow rows[] = {
+      {numberLabel, "intIfNum", intIfNum},
+      {"interface name...............", "intfName", entry.intfName},
+      {"stack intf index.............", "ipstkIfIndex", entry.ipstkIfIndex},
+      {deviceLabel, "stkIfName", entry.stkIfName},
+  };
+  out.rows(rows);
+}
+
 } // namespace
 
 int mirelIntIfInfoAllocate() {
@@ -198,23 +210,20 @@ int mirelIntIfNumFromStkIfIndex(uint32_t ifIndex, uint32_t *intIfNum) {
   return 1;
 }
 
-void mirelIntIfInfoShow(uint32_t intIfNum) {
+void mirelIntIfInfoShow(uint32_t intIfNum, ShowForm form) {
+  constexpr const char *TAIL = "\n-----------------------------\n";
   if (intIfNum != 0) {
-    const MirelIntIfInfo entry = entryCopy(intIfNum);
-    printf("\n Interface : %u\n", intIfNum);
-    printf("interface name...............%s\n", entry.intfName);
-    printf("stack intf index.............%u\n", entry.ipstkIfIndex.get());
-    printf("stack intf name..............%s\n", entry.stkIfName);
-  } else {
-    for (uint32_t number = 1; number <= MIREL_INT_IF_NUM_MAX; ++number) {
-      const MirelIntIfInfo entry = entryCopy(number);
-      printf("\n Interface(intIfNum) : %u\n", number);
-      printf("interface name...............%s\n", entry.intfName);
-      printf("stack intf index.............%u\n", entry.ipstkIfIndex.get());
-      printf("Stack intf name..............%s\n", entry.stkIfName);
-    }
+    ShowOutput out(form, ShowOutput::ONE_RECORD);
+    entryPrint(out, intIfNum, "\n Interface : ", "stack intf name..............");
+    out.row({TAIL});
+    return;
   }
-  printf("\n-----------------------------\n");
+  ShowOutput out(form, ShowOutput::LIST);
+  for (uint32_t number = 1; number <= MIREL_INT_IF_NUM_MAX; ++number) {
+    out.record();
+    entryPrint(out, number, "\n Interface(intIfNum) : ", "Stack intf name..............");
+  }
+  out.row({TAIL});
 }
 
 int mirelStkIfNameGet(uint32_t intIfNum, char *name) {

@@ -4,6 +4,7 @@
 #pragma once
 
 #include "mirel_context.h"
+#include "mirel_show.h"
 
 #include <atomic>
 
@@ -39,7 +40,7 @@ int mirelIntIfInfoStkIfIndexGet(uint32_t intIfNum, uint32_t *ifIndex);
 int mirelIntIfNumFromStkIfIndex(uint32_t ifIndex, uint32_t *intIfNum);
 
 // Prints one entry, or all for number 0, to standard output. Any thread.
-void mirelIntIfInfoShow(uint32_t intIfNum);
+void mirelIntIfInfoShow(uint32_t intIfNum, ShowForm form);
 
 // Kernel device name of the interface into name (STK_IF_NAME_SIZE bytes), asked from the platform.
 int mirelStkIfNameGet(uint32_t intIfNum, char *name);

@@ -7,56 +7,61 @@
 #include "rto_netlink.h"
 #include "vr_ipslaprobe_util.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cstdio>
 #include <cstring>
 #include <optional>
+#include <span>
 #include <string_view>
 #include <system_error>
+#include <variant>
 
 namespace {
 
 enum ShellResult : int32_t { SHELL_DONE = 0, SHELL_BAD_ARGUMENTS = 1 };
 
-// An operation has one of three shapes; exactly one of the pointers is set.
+constexpr const char *JSON_WORD = "json"; // behind the arguments of a show operation
+
+using Run = void (*)();
+using RunWith = void (*)(uint32_t);
+using Get = uint32_t (*)();
+using Show = void (*)(ShowForm);
+using ShowOf = void (*)(uint32_t, ShowForm);
+
 struct ShellOperation {
   const char *name;
-  const char *usage;
-  void (*run)();
-  void (*runWith)(uint32_t);
-  uint32_t (*get)();
+  const char *usage; // the arguments, and from the second line on what it does
+  std::variant<Run, RunWith, Get, Show, ShowOf> call;
 };
 
-constexpr ShellOperation without(const char *name, void (*run)()) {
-  return {name, "", run, nullptr, nullptr};
-}
-constexpr ShellOperation with(const char *name, const char *argument, void (*run)(uint32_t)) {
-  return {name, argument, nullptr, run, nullptr};
-}
-constexpr ShellOperation getter(const char *name, uint32_t (*get)()) {
-  return {name, "", nullptr, nullptr, get};
-}
-
 constexpr ShellOperation OPERATIONS[] = {
-    with("mirelDebugFlagsSet", "<mask>", mirelDebugFlagsSet),
-    getter("mirelDebugFlagsGet", mirelDebugFlagsGet),
-    with("rtoDebugMaskSet", "<mask>", rtoDebugMaskSet),
-    getter("rtoDebugMaskGet", rtoDebugMaskGet),
-    without("rtoDebugDisableAll", rtoDebugDisableAll),
-    without("rtoDebugEnableAll", rtoDebugEnableAll),
-    with("mirelBestRoutePollTimeSet", "<seconds>", mirelBestRoutePollTimeSet),
-    with("mirelBestRouteApplyTimeSet", "<seconds>", mirelBestRouteApplyTimeSet),
-    without("mirelStatsShow", mirelStatsShow),
-    with("mirelEventCountShow", "<message type, 0 = all>", mirelEventCountShow),
-    with("mirelIntfEventCountShow", "<interface number, 0 = all>", mirelIntfEventCountShow),
-    without("mirelStatsClear", mirelStatsClear),
-    without("mirelBestRouteClientShow", mirelBestRouteClientShow),
-    without("mirelRouterEventClientShow", mirelRouterEventClientShow),
-    with("mirelIntIfInfoShow", "<interface number, 0 = all>", mirelIntIfInfoShow),
-    without("rtoNetlinkStatsShow", rtoNetlinkStatsShow),
-    without("rtoNetlinkStatsClear", rtoNetlinkStatsClear),
-    with("probeAgentDebugSet", "<1 = on, else off>", probeAgentDebugSet),
-    getter("probeAgentDebugGet", probeAgentDebugGet),
+    {"mirelStatsShow", "[json]\nthe counters of ARP, routes and timeouts", mirelStatsShow},
+    {"mirelStatsClear", "\nclears every counter but the active routes", mirelStatsClear},
+    {"mirelEventCountShow", "<type> [json]\nrouter events received of the message type, 0 = of all",
+     mirelEventCountShow},
+    {"mirelIntfEventCountShow", "<interface> [json]\nrouter events received on the interface number, 0 = on all",
+     mirelIntfEventCountShow},
+    {"mirelBestRouteClientShow", "[json]\nthe best-route client: id, socket, times", mirelBestRouteClientShow},
+    {"mirelRouterEventClientShow", "[json]\nthe router event client: id, socket, times", mirelRouterEventClientShow},
+    {"mirelIntIfInfoShow", "<interface> [json]\nthe interface of the number, 0 = all: names, kernel device and index",
+     mirelIntIfInfoShow},
+    {"mirelBestRoutePollTimeSet", "<seconds>\nhow often route changes are fetched; 10 at start",
+     mirelBestRoutePollTimeSet},
+    {"mirelBestRouteApplyTimeSet", "<seconds>\nhow long route changes are installed at a time; 1 at start",
+     mirelBestRouteApplyTimeSet},
+    {"mirelDebugFlagsSet", "<mask>\ntraces: 1 general, 2 ARP detail, 4 routes that could not be installed",
+     mirelDebugFlagsSet},
+    {"mirelDebugFlagsGet", "\nthe mask of mirelDebugFlagsSet", mirelDebugFlagsGet},
+    {"rtoNetlinkStatsShow", "[json]\nthe counters of the import of kernel routes", rtoNetlinkStatsShow},
+    {"rtoNetlinkStatsClear", "\nclears the counters of rtoNetlinkStatsShow", rtoNetlinkStatsClear},
+    {"rtoDebugMaskSet", "<mask>\ntraces of route import and registration: 1 calls, 2 success, 4 detail, 8 failure",
+     rtoDebugMaskSet},
+    {"rtoDebugMaskGet", "\nthe mask of rtoDebugMaskSet", rtoDebugMaskGet},
+    {"rtoDebugEnableAll", "\nsets the mask of rtoDebugMaskSet to 15", rtoDebugEnableAll},
+    {"rtoDebugDisableAll", "\nsets the mask of rtoDebugMaskSet to 0", rtoDebugDisableAll},
+    {"probeAgentDebugSet", "<flag>\ntraces of the IP SLA probes: 1 on, any other off", probeAgentDebugSet},
+    {"probeAgentDebugGet", "\nthe flag of probeAgentDebugSet", probeAgentDebugGet},
 };
 
 // A 32-bit number, decimal or with 0x in front; nothing may stand around it.
@@ -74,34 +79,59 @@ std::optional<uint32_t> numberRead(std::string_view text) {
   return value;
 }
 
-int32_t operationRun(const ShellOperation &operation, int32_t argc, const char *const *argv) {
-  const int32_t argumentsNeeded = operation.runWith != nullptr ? 1 : 0;
-  if (argc - 1 != argumentsNeeded) {
-    return SHELL_BAD_ARGUMENTS;
+// What stands behind an operation's name.
+struct ShellArguments {
+  std::optional<uint32_t> number;
+  ShowForm form = ShowForm::TEXT;
+};
+
+// Takes the arguments that the operation's shape wants, and no others.
+std::optional<ShellArguments> argumentsRead(const ShellOperation &operation, std::span<const char *const> words) {
+  const bool wantsNumber =
+      std::holds_alternative<RunWith>(operation.call) || std::holds_alternative<ShowOf>(operation.call);
+  const bool shows = std::holds_alternative<Show>(operation.call) || std::holds_alternative<ShowOf>(operation.call);
+  ShellArguments arguments;
+  if (wantsNumber) {
+    arguments.number = words.empty() ? std::nullopt : numberRead(words.front());
+    if (!arguments.number) {
+      return std::nullopt;
+    }
+    words = words.subspan(1);
   }
-  if (operation.run != nullptr) {
-    operation.run();
-    return SHELL_DONE;
+  if (shows && !words.empty() && strcmp(words.front(), JSON_WORD) == 0) {
+    arguments.form = ShowForm::JSON;
+    words = words.subspan(1);
   }
-  if (operation.get != nullptr) {
-    printf("%u\n", operation.get());
-    return SHELL_DONE;
+  return words.empty() ? std::optional(arguments) : std::nullopt;
+}
+
+void operationRun(const ShellOperation &operation, const ShellArguments &arguments) {
+  if (const Run *run = std::get_if<Run>(&operation.call)) {
+    (*run)();
+  } else if (const RunWith *runWith = std::get_if<RunWith>(&operation.call)) {
+    (*runWith)(*arguments.number);
+  } else if (const Get *get = std::get_if<Get>(&operation.call)) {
+    printf("%u\n", (*get)());
+  } else if (const Show *show = std::get_if<Show>(&operation.call)) {
+    (*show)(arguments.form);
+  } else if (const ShowOf *showOf = std::get_if<ShowOf>(&operation.call)) {
+    (*showOf)(*arguments.number, arguments.form);
   }
-  const std::optional<uint32_t> argument = numberRead(argv[1]);
-  if (!argument) {
-    return SHELL_BAD_ARGUMENTS;
-  }
-  operation.runWith(*argument);
-  return SHELL_DONE;
 }
 
 int32_t shellCommand(int32_t argc, const char *const *argv) {
-  for (const ShellOperation &operation : OPERATIONS) {
-    if (strcmp(operation.name, argv[0]) == 0) {
-      return operationRun(operation, argc, argv);
-    }
+  const std::span words(argv, static_cast<size_t>(argc));
+  const auto *operation =
+      std::ranges::find_if(OPERATIONS, [&](const ShellOperation &row) { return strcmp(row.name, words[0]) == 0; });
+  if (operation == std::end(OPERATIONS)) {
+    return SHELL_BAD_ARGUMENTS;
   }
-  return SHELL_BAD_ARGUMENTS;
+  const std::optional<ShellArguments> arguments = argumentsRead(*operation, words.subspan(1));
+  if (!arguments) {
+    return SHELL_BAD_ARGUMENTS;
+  }
+  operationRun(*operation, *arguments);
+  return SHELL_DONE;
 }
 
 } // namespace

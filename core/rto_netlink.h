@@ -3,6 +3,7 @@
 #pragma once
 
 #include "mirel_context.h"
+#include "mirel_show.h"
 #include "netlink_attr.h"
 
 // ---- the message from listener to task
@@ -72,7 +73,7 @@ extern Counter numExtRouteQueueDrops;
 extern Counter numExtRouteInvalid;
 extern Counter numRtoNetlinkRxErrors;
 
-void rtoNetlinkStatsShow(); // to standard output
+void rtoNetlinkStatsShow(ShowForm form);
 void rtoNetlinkStatsClear();
 
 // ---- start and end

@@ -29,17 +29,18 @@ constexpr RtoStatus NO_STATUS{-1};
 
 struct CounterRow {
   Counter &counter;
-  const char *text;
+  const char *key;
+  const char *label;
 };
 
 constexpr CounterRow COUNTERS[] = {
-    {numExtRouteAdds, "\nCount of successful route add: %d\n"},
-    {numExtRouteAddErrors, "\nCount of unsuccessful route add: %d\n"},
-    {numExtRouteDeletes, "\nCount of successful route delete: %d\n"},
-    {numExtRouteDeleteErrors, "\nCount of unsuccessful route delete: %d\n"},
-    {numExtRouteQueueDrops, "\nCount of queue drops while queueing to qv-ext-route-task: %d\n"},
-    {numExtRouteInvalid, "\nCount of invalid routes recieved and discarded: %d\n"},
-    {numRtoNetlinkRxErrors, "\nCount of RTO netlink socket receive errors: %d\n"},
+    {numExtRouteAdds, "numExtRouteAdds", "\nCount of successful route add: "},
+    {numExtRouteAddErrors, "numExtRouteAddErrors", "\nCount of unsuccessful route add: "},
+    {numExtRouteDeletes, "numExtRouteDeletes", "\nCount of successful route delete: "},
+    {numExtRouteDeleteErrors, "numExtRouteDeleteErrors", "\nCount of unsuccessful route delete: "},
+    {numExtRouteQueueDrops, "numExtRouteQueueDrops", "\nCount of queue drops while queueing to qv-ext-route-task: "},
+    {numExtRouteInvalid, "numExtRouteInvalid", "\nCount of invalid routes recieved and discarded: "},
+    {numRtoNetlinkRxErrors, "numRtoNetlinkRxErrors", "\nCount of RTO netlink socket receive errors: "},
 };
 
 // ---- one report
@@ -216,9 +217,10 @@ void threadStart(void *(*entry)(void *), const char *failedText) {
 
 } // namespace
 
-void rtoNetlinkStatsShow() {
+void rtoNetlinkStatsShow(ShowForm form) {
+  ShowOutput out(form, ShowOutput::ONE_RECORD);
   for (const CounterRow &row : COUNTERS) {
-    printf(row.text, row.counter.get());
+    out.row({row.label, row.key, static_cast<int32_t>(row.counter.get())});
   }
 }
 

@@ -6,6 +6,7 @@
 #include "mirel_router_table.h"
 
 #include <atomic>
+#include <regex>
 #include <set>
 
 namespace {
@@ -152,6 +153,47 @@ TEST_F(DebugTest, IntfEventCountShow) {
   EXPECT_EQ(std::count(all.begin(), all.end(), '\n'), 1033 * 8);
 }
 
+// What stands in the text behind a label, or in JSON behind a name, in this order.
+std::vector<std::string> values(const std::string &shown, bool json) {
+  const std::regex value(json ? R"re(": "?([^",}]*))re" : R"re((?:: +|\.{3,}|interface-)([^ \n]*))re");
+  std::vector<std::string> found;
+  for (std::sregex_iterator at(shown.begin(), shown.end(), value), end; at != end; ++at) {
+    found.push_back((*at)[1]);
+  }
+  return found;
+}
+
+TEST_F(DebugTest, JsonHoldsWhatTheTextSays) {
+  fillStats();
+  statsHandle.eventCount[107] = 4;
+  statsHandle.intfEventCount[1033].bwChange = 5;
+  rppi_evnt_fd = -1;
+  const struct {
+    const char *line;
+    size_t values;
+  } SHOWS[] = {{"mirelStatsShow", 19},           {"mirelEventCountShow 0", 17},
+               {"mirelIntfEventCountShow 9", 7}, {"mirelIntfEventCountShow 0", size_t{1033} * 7},
+               {"mirelBestRouteClientShow", 8},  {"mirelRouterEventClientShow", 5},
+               {"mirelIntIfInfoShow 9", 4},      {"mirelIntIfInfoShow 0", size_t{1033} * 4},
+               {"rtoNetlinkStatsShow", 7}};
+  for (const auto &show : SHOWS) {
+    const std::vector<std::string> inText = values(shown(show.line), false);
+    EXPECT_EQ(inText.size(), show.values) << show.line;
+    EXPECT_EQ(values(shown(show.line + std::string(" json")), true), inText) << show.line;
+  }
+  EXPECT_EQ(shown("mirelEventCountShow 107 json"), "{\"type\": 107, \"count\": 4}\n");
+}
+
+TEST_F(DebugTest, JsonOfAnyNameIsValid) {
+  mirelIntIfInfoAllocate();
+  const std::unique_ptr<MirelIntIfInfo[]> table(mirelIntIfInfoTable.load());
+  snprintf(table[5].intfName, sizeof table[5].intfName, "%s", "a\"b\\c\n\xff");
+  EXPECT_EQ(shown("mirelIntIfInfoShow 5 json"),
+            R"({"intIfNum": 5, "intfName": "a\"b\\c\u000a\u00ff", "ipstkIfIndex": 0, "stkIfName": ""})"
+            "\n");
+  mirelIntIfInfoTable = nullptr;
+}
+
 // There are no counters for these: any answer will do, but no crash and no counter of another kind.
 TEST_F(DebugTest, NumbersBeyondTheCounters) {
   statsHandle.numBrcTimeout = 77;
@@ -216,10 +258,12 @@ TEST_F(DebugTest, MasksAndTimes) {
 }
 
 TEST_F(DebugTest, BadArgumentsChangeNothing) {
-  for (const char *line : {"mirelDebugFlagsSet", "mirelDebugFlagsSet x", "mirelDebugFlagsSet 1x",
-                           "mirelDebugFlagsSet 0x", "mirelDebugFlagsSet -1", "mirelDebugFlagsSet 4294967296",
-                           "mirelDebugFlagsSet 0x100000000", "mirelDebugFlagsSet 1.0", "mirelEventCountShow",
-                           "mirelEventCountShow 1 2 x", "mirelIntIfInfoShow abc", "mirelBestRoutePollTimeSet 0x-1"}) {
+  for (const char *line :
+       {"mirelDebugFlagsSet", "mirelDebugFlagsSet x", "mirelDebugFlagsSet 1x", "mirelDebugFlagsSet 0x",
+        "mirelDebugFlagsSet -1", "mirelDebugFlagsSet 4294967296", "mirelDebugFlagsSet 0x100000000",
+        "mirelDebugFlagsSet 1.0", "mirelEventCountShow", "mirelEventCountShow json", "mirelStatsShow JSON",
+        "mirelStatsShow json json", "mirelStatsClear json", "mirelDebugFlagsGet json", "mirelIntIfInfoShow abc",
+        "mirelBestRoutePollTimeSet 0x-1"}) {
     EXPECT_EQ(shown(line), "result 1") << line;
   }
   EXPECT_EQ(mirelDebugFlags, 0u);

@@ -153,12 +153,12 @@ TEST_F(RouterTableTest, Show) {
   scripted::script("rpcclt_tarnapiRtrIntfNameGet= 0 1/0/2\nrpcclt_tarnapiRtrIntfIpStackStkNameGet= 0 rt2");
   mirelIntfParmsPopulate(1033);
   table[1033].ipstkIfIndex = 12;
-  EXPECT_EQ(printed([] { mirelIntIfInfoShow(1033); }), "\n Interface : 1033\n"
-                                                       "interface name...............1/0/2\n"
-                                                       "stack intf index.............12\n"
-                                                       "stack intf name..............rt2\n"
-                                                       "\n-----------------------------\n");
-  const std::string all = printed([] { mirelIntIfInfoShow(0); });
+  EXPECT_EQ(printed([] { mirelIntIfInfoShow(1033, ShowForm::TEXT); }), "\n Interface : 1033\n"
+                                                                       "interface name...............1/0/2\n"
+                                                                       "stack intf index.............12\n"
+                                                                       "stack intf name..............rt2\n"
+                                                                       "\n-----------------------------\n");
+  const std::string all = printed([] { mirelIntIfInfoShow(0, ShowForm::TEXT); });
   EXPECT_TRUE(all.starts_with("\n Interface(intIfNum) : 1\n"
                               "interface name...............\n"
                               "stack intf index.............0\n"
@@ -180,8 +180,10 @@ TEST_F(RouterTableTest, WithoutATable) {
   EXPECT_EQ(mirelIntIfInfoNameGet(5, name), 1);
   EXPECT_EQ(mirelIntIfInfoStkIfIndexGet(5, &number), 1);
   EXPECT_EQ(mirelIntIfNumFromStkIfIndex(0, &number), 1);
-  EXPECT_THAT(printed([] { mirelIntIfInfoShow(5); }), testing::EndsWith("\n-----------------------------\n"));
-  EXPECT_THAT(printed([] { mirelIntIfInfoShow(0); }), testing::EndsWith("\n-----------------------------\n"));
+  EXPECT_THAT(printed([] { mirelIntIfInfoShow(5, ShowForm::TEXT); }),
+              testing::EndsWith("\n-----------------------------\n"));
+  EXPECT_THAT(printed([] { mirelIntIfInfoShow(0, ShowForm::TEXT); }),
+              testing::EndsWith("\n-----------------------------\n"));
   EXPECT_THAT(scripted::takeCalls(), IsEmpty());
 }
 

@@ -15,7 +15,8 @@ extern "C" {
    carry one; it is recorded as formatted. Keeps errno.  R: 0 always. */
 int32_t qvproc_logf(uint32_t severity, uint32_t component, const char *file, uint32_t line, const char *format, ...)
     __attribute__((format(printf, 5, 6)));
-/* Enables the debug shell, on a thread of the library.  R: 0; not looked at. */
+/* Enables the debug shell, on a thread of the library. First it runs, on the caller's, the operations that the environment
+   variable QVPROC_START_OPERATIONS names, separated by ';' or line ends; a bad one is logged.  R: 0; not looked at. */
 int32_t qvproc_devshell_init(void);
 /* An addition of ours: registers a named operation with the debug shell. The library keeps the three pointers, which stay
    valid for the life of the process; may be called before or after qvproc_devshell_init. command runs on the shell's

@@ -75,12 +75,12 @@ int main(int argc, char **argv) {
     setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
   }
   qvproc_devshell_register("arguments", "<any>...", arguments);
+  qvproc_devshell_register("refuse", "<number>\nrefuses it", refuse);
   qvproc_devshell_init();
   qvproc_devshell_init();
   if (!early) {
     setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
   }
-  qvproc_devshell_register("refuse", "<number>", refuse);
   qvproc_devshell_register("fail", nullptr, fail);
   qvproc_devshell_register("lines", "<count>", lines);
   qvproc_devshell_register("pid", "", pid);

@@ -11,6 +11,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
+#include <fstream>
 #include <gmock/gmock.h>
 #include <map>
 #include <sstream>
@@ -122,7 +123,12 @@ TEST(DebugShell, runsAnOperation) {
   const Result unknown = mirelsh("3 nothing");
   EXPECT_EQ(unknown.status, 1);
   EXPECT_THAT(unknown.err, HasSubstr("unknown operation"));
-  EXPECT_EQ(mirelsh("3 help").out, "help\narguments <any>...\nrefuse <number>\nfail\nlines <count>\npid\n");
+  EXPECT_EQ(mirelsh("3 help").out, "help [operation]    the operations, or one of them\narguments <any>...\n"
+                                   "refuse <number>     refuses it\nfail\nlines <count>\npid\n");
+  EXPECT_EQ(mirelsh("3 help refuse").out, "refuse <number>  refuses it\n");
+  EXPECT_THAT(mirelsh("3 help nothing").err, HasSubstr("unknown operation"));
+  EXPECT_EQ(mirelsh("--json 3 arguments").out, "0=arguments\n1=json\n");
+  EXPECT_EQ(mirelsh("3 refuse 1 --json").err, "mirelsh: refuse has no JSON form\n");
   EXPECT_EQ(mirelsh("3 lines 100000").out, expectedLines(100000)) << "more than a socket holds";
 
   struct stat socket {};
@@ -147,7 +153,7 @@ TEST(DebugShell, findsTheAgentOfTheVrf) {
   EXPECT_FALSE(std::filesystem::exists(stale));
 
   EXPECT_EQ(mirelsh("4 pid").err, "mirelsh: no agent runs for VRF 4\n");
-  for (const char *wrong : {"", "3", "three pid", "-3 pid", "3x pid"}) {
+  for (const char *wrong : {"", "three pid", "-3 pid", "3x pid", "--list 3"}) {
     const Result result = mirelsh(wrong);
     EXPECT_EQ(result.status, 1) << wrong;
     EXPECT_THAT(result.err, HasSubstr("usage:")) << wrong;
@@ -219,6 +225,41 @@ TEST(DebugShell, hostileClients) {
   EXPECT_EQ(recv(deaf.get(), head.data(), head.size(), 0), 16);
   memcpy(&output, head.data() + 8, sizeof output);
   EXPECT_EQ(output, expectedLines(100000).size()) << "it was answered, as far as it took the answer";
+}
+
+// Operations from standard input: each line is one, whatever became of those before it.
+TEST(DebugShell, linesOfOperations) {
+  const Agent agent;
+  const std::string pid = std::to_string(agent.pid());
+  std::ofstream("/tmp/lines") << "  arguments  a\tb \r\n\n# nothing\n"
+                              << std::string(1 << 20, 'x') << " 1\nfail\npid\nquit\npid\n";
+  const Result lines = mirelsh("3 </tmp/lines");
+  EXPECT_EQ(lines.status, 1);
+  EXPECT_EQ(lines.out, "0=arguments\n1=a\n2=b\n" + pid);
+  EXPECT_THAT(lines.err, HasSubstr("did not take the request: Message too long"));
+  EXPECT_THAT(lines.err, HasSubstr("fail returned 42"));
+  std::ofstream("/tmp/lines") << "pid"; // without a line end
+  EXPECT_EQ(mirelsh("3 </tmp/lines").out, pid);
+  EXPECT_EQ(mirelsh("3 </dev/null").status, 0);
+  EXPECT_EQ(mirelsh("4 </dev/null").err, "mirelsh: no agent runs for VRF 4\n");
+}
+
+TEST(DebugShell, operationsAtTheStart) {
+  setenv("QVPROC_START_OPERATIONS", " arguments one  two;nothing;;refuse 1\narguments", 1);
+  const int before = dup(STDERR_FILENO);
+  const int log = open("/tmp/start.log", O_WRONLY | O_CREAT | O_TRUNC, 0600);
+  dup2(log, STDERR_FILENO);
+  {
+    const Agent agent;
+    EXPECT_EQ(mirelsh("3 pid").status, 0);
+  }
+  dup2(before, STDERR_FILENO);
+  close(before);
+  close(log);
+  unsetenv("QVPROC_START_OPERATIONS");
+  EXPECT_EQ(fileText(OUTPUT), std::string("0=arguments\n1=one\n2=two\nsaid before0=arguments\n") + READY);
+  EXPECT_THAT(fileText("/tmp/start.log"), HasSubstr(R"(QVPROC_START_OPERATIONS: "nothing": unknown operation)"));
+  EXPECT_THAT(fileText("/tmp/start.log"), HasSubstr(R"(QVPROC_START_OPERATIONS: "refuse 1": usage: refuse <number>)"));
 }
 
 TEST(DebugShell, registrationRules) {

@@ -1,7 +1,9 @@
 """What an operator sees of a running agent: its debug operations, its appetite, its command line and its binary."""
 
+import json
 import os
 import re
+import select
 import subprocess
 import time
 
@@ -50,6 +52,13 @@ def test_statistics_after_a_known_number_of_routes():
     until_mirrored(blue)
     assert agent.sh("mirelStatsShow") == STATS.format(added=121, deleted=20, modified=30, active=101)
 
+    counters = json.loads(agent.sh("mirelStatsShow", "--json"))
+    assert counters["numRoutesAdded"] == 121 and counters["numActiveRoutes"] == 101
+    assert list(counters.values()) == [int(each) for each in re.findall(r": +(\d+) $", agent.sh("mirelStatsShow"), re.M)]
+    interfaces = json.loads(agent.sh("mirelIntIfInfoShow", 0, "--json"))
+    assert interfaces[300] == {"intIfNum": 301, "intfName": "1/3/1", "stkIfName": "rt1",
+                               "ipstkIfIndex": labnet.link_index("blue", "rt1")}
+
     agent.sh("mirelStatsClear")
     assert agent.sh("mirelStatsShow") == STATS.format(added=0, deleted=0, modified=0, active=101)
 
@@ -72,6 +81,51 @@ def test_settings_and_refusals():
     nobody = subprocess.run([labnet.BIN / "mirelsh", "99", "mirelStatsShow"], capture_output=True, text=True)
     assert nobody.returncode != 0 and nobody.stderr
     assert agent.running()
+
+
+COMPLETIONS = {"mirelsh ": {"3", "4", "--list", "--json", "--help"}, "mirelsh --json 4 rtoNetlinkStats": {"rtoNetlinkStatsShow",
+               "rtoNetlinkStatsClear"}, "mirelsh 3 help mirelStatsC": {"mirelStatsClear"}, "mirelsh 9 mirelStatsC": set(),
+               "mirelsh 3 mirelStatsShow ": {"--json"}}
+
+
+def test_completion_and_the_prompt_on_a_terminal():
+    labnet.start_system(["blue", "red"])
+    script = labnet.ROOT / "packaging" / "mirelsh.bash-completion"
+    for line, expected in COMPLETIONS.items():
+        words = line.split(" ")
+        complete = f"source {script}; COMP_WORDS=({' '.join(words[:-1])} '{words[-1]}'); COMP_CWORD={len(words) - 1}; " \
+                   "_mirelsh; printf '%s\n' \"${COMPREPLY[@]}\""
+        assert set(labnet.run("bash", "-c", complete).split()) == expected, line
+
+    ours, theirs = os.openpty()
+    shell = subprocess.Popen([labnet.BIN / "mirelsh", "4"], stdin=theirs, stdout=theirs, stderr=theirs,
+                             env={**os.environ, "TERM": "dumb"})
+    os.close(theirs)
+    shown = b""
+
+    def shows(text):
+        nonlocal shown
+        while text not in shown:
+            assert select.select([ours], [], [], 10)[0], shown
+            shown += os.read(ours, 4096)
+        shown = shown.partition(text)[2]
+
+    shows(b"mirel 4> ")
+    os.write(ours, b"rtoDebugE\t\r")
+    shows(b"mirel 4> ")
+    os.write(ours, b"rtoDebugMaskG\t\r")
+    shows(b"\n15\r\n")
+    os.write(ours, b"quit\r")
+    assert shell.wait(10) == 0
+
+
+def test_a_start_can_be_watched():
+    os.environ["QVPROC_START_OPERATIONS"] = "mirelDebugFlagsSet 1; mirelDebugFlagsSet all; rtoDebugEnableAll"
+    said = labnet.start_system().agents[0].said()
+    assert '"mirelDebugFlagsSet all": usage: mirelDebugFlagsSet <mask>' in said
+    traces = re.findall(r"^\[.*", said, re.M)
+    assert "initialized the server addr:/tmp/dxsmirel.03" in traces[0], "the second trace of a start"
+    assert "[blue (VRF 3)]:main: vrf-name:blue for vrf-id:3" in traces
 
 
 def test_slow_reader_does_not_stop_the_agent():

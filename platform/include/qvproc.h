@@ -24,10 +24,14 @@ int32_t qvproc_devshell_init(void);
    the shell flushes and delivers to the operator with the value returned (0 done, 1 bad arguments).
    R: 0 registered; 1 refused (null or empty name, null command, name taken, table full; at least 64 names fit). */
 int32_t qvproc_devshell_register(const char *name, const char *usage, int32_t (*command)(int32_t argc, const char *const *argv));
-/* Starts memory tracking in the calling process, called again after each fork.  R: 0. */
+/* Starts memory tracking in the calling process: notes the bytes of the heap in use, and logs what has been added since when
+   the process ends by exit. A later call begins anew; a forked child tracks nothing until it calls.
+   R: 0; 1 no memory for it. */
 int32_t qvproc_memtrack_init(void);
 /* Arms the process's watchdog; a later call arms it anew with its own time and name. When it runs out the library logs the
-   name and ends the process by abort. A process that ends takes it along; a forked child has none.  R: 0. */
+   name and ends the process by abort. A process that ends takes it along; a forked child has none. It takes the signal
+   SIGRTMAX - 2, which it unblocks in the calling thread.
+   R: 0; 1 refused (0 seconds, a null name) or the kernel grants no timer, errno says why. */
 int32_t qvproc_watchdog_start(uint32_t seconds, const char *name);
 /* Disarms it. No argument.  R: 0, also when none is armed. */
 int32_t qvproc_watchdog_stop(void);

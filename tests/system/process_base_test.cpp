@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <ctime>
 #include <fcntl.h>
 #include <filesystem>
 #include <gmock/gmock.h>
@@ -46,6 +47,13 @@ TEST(Log, oneLineARecord) {
               MatchesRegex(stamp + "warning 24 [^\n]*: carries its own end\n"));
   EXPECT_THAT(logged([] { qvproc_logf(99, 24, AREA, 1, "forged\n2026 error \x1b[2J%s", "\x7f\t."); }),
               MatchesRegex(stamp + "debug 24 [^\n]*: forged 2026 error  \\[2J \t\\.\n"));
+}
+
+TEST(Log, stampIsTheTimeInUtc) {
+  const std::string line = logged([] { qvproc_logf(6, 0, AREA, 1, "now"); });
+  tm stamp{};
+  EXPECT_STREQ(strptime(line.c_str(), "%Y-%m-%dT%H:%M:%S", &stamp), line.substr(19).c_str());
+  EXPECT_NEAR(static_cast<double>(timegm(&stamp)), static_cast<double>(time(nullptr)), 2.0);
 }
 
 TEST(Log, journalPrefixInsteadOfATime) {

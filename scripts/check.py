@@ -18,6 +18,8 @@ ROOT = pathlib.Path(__file__).resolve().parent.parent
 LOGS = ROOT / "build" / "check"
 STEP_TIMEOUT = 900
 TEST_TIMEOUT = 120
+SANITIZERS = ["asan-ubsan", "tsan"]
+UNSANITIZED = ["tests/system/test_selftest.py"]  # limits its address space, of which a sanitizer needs all
 
 
 @dataclass
@@ -78,6 +80,10 @@ def unrandomised():
     return prefix if works else []
 
 
+def unsanitized(preset):
+    return [f"--ignore={test}" for test in UNSANITIZED if preset in SANITIZERS]
+
+
 def build(preset, prefix):
     return run(f"{preset}-configure", [*prefix, "cmake", "--preset", preset]) and \
         run(f"{preset}-build", [*prefix, "cmake", "--build", "--preset", preset])
@@ -97,7 +103,7 @@ def test(preset):
     report = LOGS / f"{preset}-system-tests.xml"
     system = run_tests(f"{preset}-system-tests",
                        [*prefix, "/usr/bin/python3", "-m", "pytest", "-q", "-p", "no:cacheprovider",
-                        f"--junit-xml={report}", "tests/system"], report, **environment)
+                        f"--junit-xml={report}", *unsanitized(preset), "tests/system"], report, **environment)
     return Tally(total.passed + system.passed, total.failed + system.failed)
 
 
@@ -107,7 +113,7 @@ def main():
     options = parser.parse_args()
 
     LOGS.mkdir(parents=True, exist_ok=True)
-    presets = ["release", "asan-ubsan", "tsan"] + (["clang"] if options.all else [])
+    presets = ["release", *SANITIZERS] + (["clang"] if options.all else [])
     total = Tally()
     results = []
     for preset in presets:

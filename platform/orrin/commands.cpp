@@ -26,7 +26,7 @@ const Command *findCommand(Words &words, std::string &out) {
   bool firstIsKnown = false;
   for (const std::span<const Command> table :
        {answerCommands(), switchCommands(), interfaceCommands(), routeCommands(), arpCommands(), ipSlaCommands(),
-        reportedCommands(), faultCommands(), clientCommands()}) {
+        agentCommands(), reportedCommands(), faultCommands(), clientCommands()}) {
     for (const Command &command : table) {
       if (command.name == both) {
         words.take();
@@ -116,19 +116,33 @@ bool takeVrfFilter(Switch &sw, Words &words, const Vrf *&only, std::string &out)
 }
 
 bool runCommand(Switch &sw, std::string_view line, std::string &out) {
-  out.clear();
+  Outcome outcome;
+  runCommand(sw, line, outcome, nullptr);
+  out = std::move(outcome.text);
+  return outcome.accepted;
+}
+
+bool runCommand(Switch &sw, std::string_view line, Outcome &outcome, const OutcomeTaker &answer) {
+  const uint64_t before = sw.journal.appended();
   Words words(line);
-  if (words.atEnd()) {
-    return true;
-  }
-  const Command *command = findCommand(words, out);
-  if (command == nullptr || !command->handler(sw, words, out)) {
+  const Command *command = words.atEnd() ? nullptr : findCommand(words, outcome.text);
+  if (command == nullptr) {
+    outcome.accepted = outcome.text.empty();
     return false;
   }
-  if (command->kept) {
+  if (command->ask != nullptr && answer) {
+    return command->ask(sw, words, outcome.text, answer);
+  }
+  if (command->handler == nullptr) {
+    outcome.text = "asks an agent, which only orrinctl can";
+    return false;
+  }
+  outcome.accepted = command->handler(sw, words, outcome.text);
+  if (outcome.accepted && command->kept) {
     sw.journal.append(line);
   }
-  return true;
+  outcome.kept = sw.journal.appended() != before;
+  return false;
 }
 
 bool runScript(Switch &sw, const std::string &path, std::string &error) {

@@ -2,16 +2,139 @@
 
 #include "commands.h"
 
+#include "ipsla.h"
 #include "report.h"
+
+#include <set>
 
 namespace orrin {
 
 namespace {
 
-void reportPut(Report &report, uint32_t vrf, uint32_t operation, const IpSlaReports &reports) {
+struct Operation {
+  Vrf *vrf = nullptr;
+  uint32_t number = 0;
+  IpSlaOperation settings;
+};
+
+bool takeSetting(Words &words, IpSlaOperation &settings, std::string &out) {
+  const std::string_view word = words.take();
+  if (word == "from") {
+    return takeAddress(words, settings.source, out);
+  }
+  const struct {
+    std::string_view name;
+    uint32_t &value;
+  } NUMBERS[] = {{"frequency", settings.frequency},
+                 {"threshold", settings.threshold},
+                 {"timeout", settings.timeout},
+                 {"size", settings.size}};
+  for (const auto &row : NUMBERS) {
+    if (word == row.name) {
+      return takeNumber(words, row.name, row.value, out);
+    }
+  }
+  return refuse(out, notTheWord(word, "from, frequency, threshold, timeout or size"));
+}
+
+// vrf <id> <operation>. The number is the agent's to judge, if one is asked.
+bool takeOperation(Switch &sw, Words &words, Operation &operation, std::string &out) {
+  return takeKnownVrf(sw, words, operation.vrf, out) && takeNumber(words, "operation", operation.number, out);
+}
+
+// ipsla start vrf <id> <operation> to <address> [from <address>] [frequency <s>] [threshold <ms>] [timeout <ms>]
+// [size <bytes>]
+bool takeStart(Switch &sw, Words &words, Operation &operation, std::string &out) {
+  if (!takeOperation(sw, words, operation, out) || !takeKeyword(words, "to", out) ||
+      !takeAddress(words, operation.settings.target, out)) {
+    return false;
+  }
+  while (!words.atEnd()) {
+    if (!takeSetting(words, operation.settings, out)) {
+      return false;
+    }
+  }
+  return true;
+}
+
+// Without an agent: it is started when one comes.
+bool ipSlaStartKept(Switch &sw, Words &words, std::string &out) {
+  Operation operation;
+  if (!takeStart(sw, words, operation, out)) {
+    return false;
+  }
+  if (operation.number == 0 || operation.number > IPSLA_OPERATION_MAX) {
+    return refuse(out, "operations have the numbers 1 to " + std::to_string(IPSLA_OPERATION_MAX));
+  }
+  operation.vrf->operations[operation.number] = operation.settings;
+  return true;
+}
+
+bool ipSlaStart(Switch &sw, Words &words, std::string &out, OutcomeTaker answer) {
+  Operation operation;
+  if (!takeStart(sw, words, operation, out)) {
+    return false;
+  }
+  callProbeStart(sw, operation.vrf->id, operation.number, operation.settings,
+                 [&sw, id = operation.vrf->id, number = operation.number, settings = operation.settings,
+                  answer = std::move(answer)](const AgentReply &reply) {
+                   Vrf *vrf = findVrf(sw, id);
+                   std::string refusal = vrf != nullptr ? agentRefusal(id, reply) : "the VRF has been removed";
+                   if (!refusal.empty()) {
+                     answer({false, false, std::move(refusal)});
+                     return;
+                   }
+                   vrf->operations[number] = settings;
+                   vrf->reports.erase(number);
+                   sw.journal.append(operationLine(id, number, settings));
+                   answer({true, true, {}});
+                 });
+  return true;
+}
+
+bool ipSlaStopKept(Switch &sw, Words &words, std::string &out) {
+  Operation operation;
+  if (!takeOperation(sw, words, operation, out) || !takeEnd(words, out)) {
+    return false;
+  }
+  operation.vrf->operations.erase(operation.number);
+  return true;
+}
+
+// ipsla stop vrf <id> <operation>. An agent that is not there runs nothing.
+bool ipSlaStop(Switch &sw, Words &words, std::string &out, OutcomeTaker answer) {
+  Operation operation;
+  if (!takeOperation(sw, words, operation, out) || !takeEnd(words, out)) {
+    return false;
+  }
+  callProbeStop(
+      sw, operation.vrf->id, operation.number,
+      [&sw, id = operation.vrf->id, number = operation.number, answer = std::move(answer)](const AgentReply &reply) {
+        Vrf *vrf = findVrf(sw, id);
+        std::string refusal = reply.absent ? std::string() : agentRefusal(id, reply);
+        const bool stopped = refusal.empty();
+        const bool known = stopped && vrf != nullptr && vrf->operations.erase(number) != 0;
+        if (known) {
+          sw.journal.append("ipsla stop vrf " + std::to_string(id) + ' ' + std::to_string(number));
+        }
+        answer({stopped, known, std::move(refusal)});
+      });
+  return true;
+}
+
+void showOperation(Report &report, const Vrf &vrf, uint32_t number) {
+  static const IpSlaReports NONE;
+  const auto operation = vrf.operations.find(number);
+  const auto found = vrf.reports.find(number);
+  const IpSlaReports &reports = found == vrf.reports.end() ? NONE : found->second;
   const uint64_t answered = reports.counts[IpSlaReports::IN_TIME] + reports.counts[IpSlaReports::ABOVE_THRESHOLD];
-  report.number(vrf);
-  report.number(operation);
+  std::string target;
+  if (operation != vrf.operations.end()) {
+    appendAddress(target, operation->second.target);
+  }
+  report.number(vrf.id);
+  report.number(number);
+  report.text(target.empty() ? "-" : target); // stopped, or not started from here
   report.number(reports.code);
   report.number(reports.msec);
   report.number(reports.usec);
@@ -25,9 +148,9 @@ void reportPut(Report &report, uint32_t vrf, uint32_t operation, const IpSlaRepo
 
 // ipsla show [vrf <id>] [json]
 bool ipSlaShow(Switch &sw, Words &words, std::string &out) {
-  static constexpr Column COLUMNS[] = {{"vrf", 10},       {"id", 4},       {"code", 4},      {"ms", 10},
-                                       {"us", 10},        {"in-time", 8},  {"failed", 8},    {"late", 8},
-                                       {"lowest-us", 10}, {"mean-us", 10}, {"highest-us", 0}};
+  static constexpr Column COLUMNS[] = {{"vrf", 10}, {"id", 4},         {"target", 16},  {"code", 5},
+                                       {"ms", 8},   {"us", 10},        {"in-time", 8},  {"failed", 8},
+                                       {"late", 8}, {"lowest-us", 10}, {"mean-us", 10}, {"highest-us", 0}};
   const Vrf *only = nullptr;
   if (!takeVrfFilter(sw, words, only, out)) {
     return false;
@@ -41,8 +164,15 @@ bool ipSlaShow(Switch &sw, Words &words, std::string &out) {
     if (only != nullptr && only != &vrf) {
       continue;
     }
-    for (const auto &[operation, reports] : vrf.ipSla) {
-      reportPut(report, id, operation, reports);
+    std::set<uint32_t> numbers; // kept, or reported
+    for (const auto &[number, operation] : vrf.operations) {
+      numbers.insert(number);
+    }
+    for (const auto &[number, reports] : vrf.reports) {
+      numbers.insert(number);
+    }
+    for (const uint32_t number : numbers) {
+      showOperation(report, vrf, number);
     }
   }
   report.finish();
@@ -50,6 +180,8 @@ bool ipSlaShow(Switch &sw, Words &words, std::string &out) {
 }
 
 constexpr Command COMMANDS[] = {
+    {"ipsla start", ipSlaStartKept, true, ipSlaStart},
+    {"ipsla stop", ipSlaStopKept, true, ipSlaStop},
     {"ipsla show", ipSlaShow, false},
 };
 

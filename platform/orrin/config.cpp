@@ -3,6 +3,7 @@
 #include "arp.h"
 #include "clients.h"
 #include "commands.h"
+#include "ipsla.h"
 #include "kernel_routes.h"
 #include "router_events.h"
 #include "routes.h"
@@ -181,6 +182,7 @@ void appendConfig(Switch &sw, const Vrf *only, bool runs, std::string &out) {
   for (const auto &[id, vrf] : sw.vrfs) {
     if (wanted(id)) {
       appendLearned(vrf, out);
+      appendOperations(vrf, out);
       appendRoutes(sw, vrf, runs, out);
     }
   }

@@ -51,7 +51,15 @@ route del vrf <id> <a.b.c.d>/<len>
 routes add|modify|del vrf <id> <first-prefix>/<len> count <n> [options] {via <a.b.c.d> interface <n>}...
 arp learn vrf <id> <a.b.c.d> mac <m> interface <n>
 arp del vrf <id> <a.b.c.d>
+arp add vrf <id> <a.b.c.d> mac <m> interface <n>
+    asks the VRF's agent to write it into its kernel; the switch does not keep it
+ipsla start vrf <id> <1 to 128> to <a.b.c.d> [from <a.b.c.d>] [frequency <s>] [threshold <ms>] [timeout <ms>]
+            [size <bytes>]
+ipsla stop vrf <id> <1 to 128>
 ipsla show [vrf <id>] [json]
+    what the VRF's agent reported of them; code 0 = in time, 1 = no answer, 2 = above the threshold
+stats vrf <id> [json]
+    the IP and ICMP counters of the VRF's kernel, asked of its agent, which reads them every ten seconds
 keepalive period <seconds>
 keepalive hold|release [vrf <id>]
 event timeout <seconds>

@@ -17,7 +17,8 @@ enum class Watched : uint32_t {
   CONTROL_CONNECTION,
   CLIENT_SOCKET,
   CLIENT_PROCESS,
-  ARP_SOCKET
+  ARP_SOCKET,
+  AGENT_CALL
 };
 
 class Poller {

@@ -1,5 +1,6 @@
 // The call with which agents report the outcome of a probe. Used by orrin's one thread.
 
+#include "ipsla.h"
 #include "request_handlers.h"
 #include "tarnapi.h"
 
@@ -8,17 +9,16 @@
 namespace orrin {
 
 int32_t probeResult(const Call &call) {
-  constexpr uint32_t OPERATION_MAX = 128;
   Vrf *vrf = findVrf(call.sw, call.args[0]);
   const uint32_t operation = call.args[1];
   const uint32_t code = call.args[2];
   if (vrf == nullptr) {
     return TARN_NOT_FOUND;
   }
-  if (operation == 0 || operation > OPERATION_MAX || code >= IpSlaReports::CODE_COUNT) {
+  if (operation == 0 || operation > IPSLA_OPERATION_MAX || code >= IpSlaReports::CODE_COUNT) {
     return TARN_INVALID;
   }
-  IpSlaReports &reports = vrf->ipSla[operation];
+  IpSlaReports &reports = vrf->reports[operation];
   reports.code = code;
   reports.msec = call.args[3];
   reports.usec = call.args[4];

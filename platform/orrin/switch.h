@@ -1,8 +1,9 @@
 // The switch: everything that orrin holds. Plain records, all used by the one thread; the sources beside this one change
-// them: routes.cpp the route tables, kernel_routes.cpp what agents report of theirs, arp.cpp the ARP caches, interfaces.cpp the
-// interfaces, clients.cpp the registrations, router_events.cpp the events.
+// them: routes.cpp the route tables, kernel_routes.cpp what agents report of theirs, arp.cpp the ARP caches, ipsla.cpp the IP SLA
+// operations, interfaces.cpp the interfaces, clients.cpp the registrations, router_events.cpp the events.
 #pragma once
 
+#include "agent_calls.h"
 #include "attr_table.h"
 #include "change_queue.h"
 #include "faults.h"
@@ -85,6 +86,16 @@ struct ArpEntry {
   uint32_t state = 0;     // KERNEL: NUD_*
 };
 
+// An echo operation that the VRF's agent runs, by its number, 1 to 128.
+struct IpSlaOperation {
+  uint32_t target = 0;
+  uint32_t source = 0;       // 0 = any
+  uint32_t frequency = 10;   // seconds
+  uint32_t threshold = 1000; // milliseconds, as the time-out
+  uint32_t timeout = 1000;
+  uint32_t size = 32; // bytes of payload
+};
+
 // What the agent reported of an IP SLA operation, since orrin was started. The round trips are those of the codes that
 // have one.
 struct IpSlaReports {
@@ -116,7 +127,12 @@ struct Vrf {
   Outbox resolutions;               // for the agent
   uint64_t resolutionsMade = 0;
   uint64_t resolutionsLost = 0;           // no agent was there, or it did not read
-  std::map<uint32_t, IpSlaReports> ipSla; // by operation
+  std::map<uint32_t, IpSlaOperation> operations; // IP SLA
+  std::map<uint32_t, IpSlaReports> reports;      // by operation, which may be stopped
+  std::deque<uint32_t> toStart;                  // operations, in the agent that came last
+  uint64_t startAtMs = 0;                        // the first of them; 0 = when the agent has answered
+  uint32_t startTries = 0;
+  uint32_t agentsCome = 0;
 };
 
 enum class ClientKind : uint8_t { BEST_ROUTE, ROUTER_EVENT };
@@ -189,6 +205,7 @@ struct Switch {
   FaultTable faults;
   Publisher page;
   Poller poller;
+  AgentCalls agents{poller};
   Journal journal;
 };
 

@@ -20,9 +20,9 @@ TEST_F(SwitchIpSla, ReportsAreGathered) {
   EXPECT_EQ(report(5, 1, 0, 900000), TARN_OK);
   EXPECT_EQ(report(5, 0, 0, 999, 4), TARN_OK);
   EXPECT_EQ(orrin.run("ipsla show vrf 3 json"),
-            "[\n{\"vrf\":3,\"id\":5,\"code\":1,\"ms\":0,\"us\":900000,\"in-time\":2,\"failed\":1,\"late\":1,"
+            "[\n{\"vrf\":3,\"id\":5,\"target\":\"-\",\"code\":1,\"ms\":0,\"us\":900000,\"in-time\":2,\"failed\":1,\"late\":1,"
             "\"lowest-us\":500,\"mean-us\":2000,\"highest-us\":4001},\n"
-            "{\"vrf\":3,\"id\":128,\"code\":1,\"ms\":0,\"us\":4000000000,\"in-time\":0,\"failed\":1,\"late\":0,"
+            "{\"vrf\":3,\"id\":128,\"target\":\"-\",\"code\":1,\"ms\":0,\"us\":4000000000,\"in-time\":0,\"failed\":1,\"late\":0,"
             "\"lowest-us\":0,\"mean-us\":0,\"highest-us\":0}\n]\n");
   EXPECT_NE(orrin.run("ipsla show").find("\n4 "), std::string::npos);
 }

@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <new>
 #include <pthread.h>
+#include <string_view>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -152,9 +153,20 @@ ssize_t requestReceive(rpcsrvCtrl &ctrl) {
   return length;
 }
 
+// A server asks nothing. Whoever gives the path of one as his own would have two servers, or one and itself, answer each other
+// without end.
+bool peerIsServer(const sockaddr_un &peer) {
+  constexpr std::string_view PATH(RPC_SERVER_PATH);
+  return std::string_view(peer.sun_path).starts_with(PATH.substr(0, PATH.find('%')));
+}
+
 // Never waits: one client that does not read must not keep the others from their answers.
 void replySend(rpcsrvCtrl &ctrl, size_t length) {
   ssize_t sent;
+  if (peerIsServer(ctrl.peer)) {
+    ++ctrl.stats->replyFailures;
+    return;
+  }
   do {
     sent = sendto(ctrl.sock, ctrl.message, length, MSG_DONTWAIT | MSG_NOSIGNAL,
                   reinterpret_cast<const sockaddr *>(&ctrl.peer), ctrl.peerLength);
@@ -262,6 +274,10 @@ int rpcsrvSockCreate(rpcsrvCtrl *ctrl, int *error) {
   if (ctrl->mode != 0) {
     return 0;
   }
+  if (ctrl->sock == RPCSRV_ABSENT) { // no counters, no path
+    *error = EINVAL;
+    return 1;
+  }
   if (ctrl->sock < 0 && !socketOpen(*ctrl, error)) {
     return 1;
   }
@@ -287,7 +303,7 @@ void *rpcsrvTask(void *arg) {
     if (ctrl->sock < 0 && !socketCreate(*ctrl)) {
       return nullptr;
     }
-    if (ctrl->sock < 0) { // a mode that makes none
+    if (ctrl->sock <= 0) { // a mode that makes none, or no server at all
       return nullptr;
     }
     requestServe(*ctrl, requestReceive(*ctrl));

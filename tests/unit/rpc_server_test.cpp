@@ -149,6 +149,17 @@ TEST_F(RpcServer, DoesNotWaitForClients) {
   EXPECT_EQ(statusOf(deaf.reply()), 0);
 }
 
+// Its old socket keeps the path by which the server goes now: an answer would come back as the next request.
+TEST_F(RpcServer, DoesNotAnswerItself) {
+  const Client impostor(PATH, PATH);
+  start();
+  impostor.send(Bytes(1));
+  const Client client(PATH, "/tmp/dxctest.00");
+  EXPECT_EQ(client.call(Bytes(1)), refusal()); // behind what the impostor may have brought
+  EXPECT_EQ(stats().requestsProcessed, 2U);
+  EXPECT_EQ(stats().replyFailures, 1U);
+}
+
 TEST_F(RpcServer, EndWaitsForTheRequestInHand) {
   start();
   rpcsrvProgramRegister(INSTANCE, 0, &TABLE);
@@ -183,7 +194,8 @@ TEST_F(RpcServer, WithoutTask) {
   EXPECT_EQ(printed([] { EXPECT_EQ(rpcsrvInit(INSTANCE, 0, config()), 0); }), "\n server already initialized");
   EXPECT_EQ(rpcsrvCtrls[INSTANCE].addressLength, strlen(PATH) + 2);
   int error = 0;
-  EXPECT_EQ(rpcsrvSockCreate(&rpcsrvCtrls[INSTANCE], &error), 0); // nothing left to do
+  EXPECT_EQ(rpcsrvSockCreate(&rpcsrvCtrls[INSTANCE], &error), 0);     // nothing left to do
+  EXPECT_EQ(rpcsrvSockCreate(&rpcsrvCtrls[INSTANCE + 1], &error), 1); // absent
 }
 
 TEST_F(RpcServer, RangesOfInstancesAndSlots) {

@@ -87,6 +87,8 @@ int32_t rpcsrvProcDispatch(const rpcProcTable &table, const RpcMsgHeader &header
 } // namespace
 
 size_t rpcsrvMsgProcess(const RpcProgramSlots &programs, std::span<uint8_t> buffer, size_t length) {
+  rpcStore(&buffer[offsetof(RpcMsgHeader, status)],
+           int32_t{RPC_STATUS_DONE}); // the CRC is that of a request with 0 there
   if (!requestValid(buffer, length)) {
     return refusalWrite(buffer);
   }

@@ -37,7 +37,7 @@ typedef struct RpcMsgHeader {
     uint32_t program;               /* @4   slot 0 to 6; the agent's is 0 */
     uint32_t procedure;             /* @8 */
     uint8_t  reserved12[8];         /* @12  kept by the server */
-    int32_t  status;                /* @20  of the reply */
+    int32_t  status;                /* @20  of the reply; 0 in a request */
     uint8_t  reserved24[8];         /* @24  kept by the server */
     uint32_t argCount;              /* @32  slots, slot 0 included */
     uint32_t argOffset[RPC_MAX_ARGS]; /* @36 */

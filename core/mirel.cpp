@@ -262,6 +262,7 @@ int main(int argc, char **argv) {
   clientNameFormat();
   syncDatabaseRegister();
   apiSemaphoreCreate();
+  datagramQueueRaise();
   if (!rpcServerStart()) {
     return EXIT_FATAL;
   }
@@ -270,7 +271,6 @@ int main(int argc, char **argv) {
   vrfNameRead();
   restartCheck();
   loopbackUp();
-  datagramQueueRaise();
   arpSocketCreate();
   arpNetlinkInit();
   statisticsMonitorStart();

@@ -26,7 +26,7 @@ constexpr size_t TEXT_SIZE = 256;
 
 constexpr uint32_t USEC_PER_SEC = 1000000;
 constexpr uint32_t USEC_PER_MSEC = 1000;
-constexpr uint32_t TOS_SHIFT = 4; // a type of service stands two bits up in the octet
+constexpr uint32_t TOS_UNIT = 4; // a type of service stands two bits up in the octet
 
 bool idValid(uint32_t ipSlaId, const char *operation) {
   if (ipSlaId >= IP_SLA_ID_MIN && ipSlaId <= IP_SLA_ID_MAX) {
@@ -37,7 +37,7 @@ bool idValid(uint32_t ipSlaId, const char *operation) {
 }
 
 void tosSet(const pingSessionEntry &entry) {
-  const uint32_t tos = TOS_SHIFT * entry.tosValue;
+  const uint32_t tos = TOS_UNIT * entry.tosValue;
   if (setsockopt(entry.sockFd, IPPROTO_IP, IP_TOS, &tos, sizeof tos) != 0) {
     probeAgentLog(SEVERITY_WARNING, COMPONENT_MIREL, "Unable to set IP_TOS option");
   }

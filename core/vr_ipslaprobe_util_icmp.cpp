@@ -3,6 +3,9 @@
 
 #include "vr_ipslaprobe_util_icmp.h"
 
+#include <cstddef>
+#include <netinet/in.h>
+#include <netinet/ip.h>
 #include <netinet/ip_icmp.h>
 
 namespace {
@@ -89,6 +92,12 @@ bool probeQuotedIdentGet(std::span<const uint8_t> payload, uint16_t &icmpIdent) 
   }
   icmpIdent = readBe16(&payload[headerSize + IDENT_AT]);
   return true;
+}
+
+bool probeEchoRequestQuoted(std::span<const uint8_t> payload) {
+  const size_t headerSize = payload.empty() ? 0 : ipHeaderSize(payload[0]);
+  return headerSize >= sizeof(iphdr) && payload.size() > headerSize &&
+         payload[offsetof(iphdr, protocol)] == IPPROTO_ICMP && payload[headerSize] == ICMP_ECHO;
 }
 
 uint32_t probeTimeUSecElapsed(const timeval &later, const timeval &earlier, uint32_t *elapsedUsec) {

@@ -30,5 +30,9 @@ bool probeIcmpParse(std::span<const uint8_t> datagram, IcmpMessage &message);
 // The identifier of the echo request that an unreachable's payload quotes; false when it is too short to tell.
 bool probeQuotedIdentGet(std::span<const uint8_t> payload, uint16_t &icmpIdent);
 
+// Whether it is an echo request that it quotes: the lengths and sequence numbers of other protocols stand where an echo has its
+// identifier.
+bool probeEchoRequestQuoted(std::span<const uint8_t> payload);
+
 // Microseconds from the earlier to the later time, modulo 2^32; always 0.
 uint32_t probeTimeUSecElapsed(const timeval &later, const timeval &earlier, uint32_t *elapsedUsec);

@@ -42,9 +42,10 @@ struct pingSessionEntry {
   uint32_t txCount;
   uint16_t seqNum; // of the next request
   timeval txTime;
-  timeval rxTime;       // of the last answer; 0 after each send
-  uint32_t probeResult; // PingResult
-  uint32_t probeFailed; // the last outcome has no round trip
+  uint64_t txMonotonicUsec; // the same on the clock that nobody sets
+  timeval rxTime;           // of the last answer; 0 after each send
+  uint32_t probeResult;     // PingResult
+  uint32_t probeFailed;     // the last outcome has no round trip
   uint32_t rxSeqNum;
   uint32_t rttUsec;
   uint32_t rxIcmpType;

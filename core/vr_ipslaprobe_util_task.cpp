@@ -99,7 +99,7 @@ bool unreachableValidate(const pingSessionEntry &entry, const IcmpMessage &messa
                   "not");
     return false;
   }
-  return icmpIdent == entry.icmpIdent;
+  return icmpIdent == entry.icmpIdent && probeEchoRequestQuoted(message.payload);
 }
 
 bool replyValidate(const pingSessionEntry &entry, const IcmpMessage &message) {
@@ -118,6 +118,19 @@ bool replyValidate(const pingSessionEntry &entry, const IcmpMessage &message) {
     return false;
   }
   return true;
+}
+
+[[gnu::noinline]] uint64_t monotonicUsec() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<uint64_t>(now.tv_sec) * USEC_PER_SEC + static_cast<uint64_t>(now.tv_nsec / NSEC_PER_USEC);
+}
+
+// Where the clock was set meanwhile, its difference is nonsense, and no more time can have gone by than has until now.
+uint32_t usecSinceSend(const pingSessionEntry &entry, const timeval &until) {
+  uint32_t usec = 0;
+  probeTimeUSecElapsed(until, entry.txTime, &usec);
+  return static_cast<uint32_t>(std::min<uint64_t>(usec, monotonicUsec() - entry.txMonotonicUsec));
 }
 
 // The kernel's receive time where the clock was not set meanwhile, else now.
@@ -171,12 +184,6 @@ void sessionsServe(const ProbeWait &wait, uint32_t elapsedUsec) {
   probeAgentSetFd(wait);
   wait.limit = probeAgentGetProbeTimeout();
   return true;
-}
-
-[[gnu::noinline]] uint64_t monotonicUsec() {
-  timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<uint64_t>(now.tv_sec) * USEC_PER_SEC + static_cast<uint64_t>(now.tv_nsec / NSEC_PER_USEC);
 }
 
 void cancellationEnable() {
@@ -270,7 +277,7 @@ void probeAgentPingRxPdu(pingSessionEntry &entry) {
   entry.rxTime = answerTime(entry, received);
   if (message.type == ICMP_ECHOREPLY) {
     entry.probeResult = PING_REPLY;
-    probeTimeUSecElapsed(entry.rxTime, entry.txTime, &entry.rttUsec);
+    entry.rttUsec = usecSinceSend(entry, entry.rxTime);
     entry.probeFailed = 0;
     ++entry.rxCount;
     entry.rxSeqNum = message.seqNum;
@@ -329,6 +336,7 @@ void probeAgentSendPingProbe(pingSessionEntry &entry) {
   entry.probeFailed = 0;
   entry.awaitingReply = 1; // also when it cannot be sent: reported as a time-out
   entry.txTime = timeOfDay();
+  entry.txMonotonicUsec = monotonicUsec();
   // A full send buffer must not hold up the other sessions.
   if (sendto(entry.sockFd, buffer.get(), length, MSG_DONTWAIT, reinterpret_cast<const sockaddr *>(&target),
              sizeof target) < 0) {
@@ -363,7 +371,7 @@ uint32_t probeAgentPingResultNotifyIpSla(pingSessionEntry &entry) {
   if (entry.probeFailed == 1) {
     code = PROBE_FAILED;
     msec = 0;
-    probeTimeUSecElapsed(timeOfDay(), entry.txTime, &usec);
+    usec = usecSinceSend(entry, timeOfDay());
   }
   const ApiLock lock;
   if (rpcclt_tarnapiMirelProbeResultIpSlaNotify(tarnapiClientHandle, mirelVrfId, entry.ipSlaId, code, msec, usec) !=

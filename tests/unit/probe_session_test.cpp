@@ -216,10 +216,15 @@ TEST_F(ProbeStepTest, Datagrams) {
   const std::string goOn = ". Ignoring error and continuing\n";
   std::vector<uint8_t> unreachable = {3, 1, 0, 0, 0, 0, 0, 0, 0x45};
   unreachable.resize(8 + 20);
+  unreachable[8 + 9] = IPPROTO_ICMP;
   std::vector<uint8_t> quoting = unreachable;
   quoting.insert(quoting.end(), {8, 0, 0, 0, 0, 133, 0, 7});
   std::vector<uint8_t> quotingOther = quoting;
   quotingOther[8 + 20 + 5] = 134;
+  std::vector<uint8_t> quotingUdp = quoting; // whose length is 133
+  quotingUdp[8 + 9] = IPPROTO_UDP;
+  std::vector<uint8_t> quotingReply = quoting;
+  quotingReply[8 + 20] = 0;
   const std::string small =
       "Received ICMP Unreachable Packet Length is too small to verify the pkt belongs to this session or not";
   const struct {
@@ -247,6 +252,8 @@ TEST_F(ProbeStepTest, Datagrams) {
       {"quote of the IP header only", unreachable, PING_NO_RESULT, {log(5, small)}},
       {"quote", quoting, PING_UNREACHABLE, {}},
       {"quote of another", quotingOther, PING_NO_RESULT, {}},
+      {"quote of another protocol", quotingUdp, PING_NO_RESULT, {}},
+      {"quote of a reply", quotingReply, PING_NO_RESULT, {}},
   };
   for (const auto &row : CASES) {
     entry->probeResult = PING_NO_RESULT;

@@ -24,6 +24,14 @@ PID_FILE = pathlib.Path("/run") / f"mirel-lab{str(labnet.ROOT).replace('/', '-')
 ONCE_TIMEOUT = 60
 KNOWN_TO_SWITCH = "10.2.0.50"  # a neighbour of rt2 that is not there
 FOREIGN = "198.51.100.0/24"  # a route that the switch does not have
+PROBES = """\
+ipsla start vrf {id} 1 to 172.16.2.1 frequency 1 threshold 1000 timeout 500
+ipsla start vrf {id} 2 to 10.1.0.66 frequency 1 threshold 1000 timeout 500
+ipsla start vrf {id} 3 to 172.16.2.1 frequency 1 threshold 0 timeout 500
+"""
+PROBE_SHOWS = {1: "in-time", 2: "failed", 3: "late"}  # a host that answers, nobody, no time to answer in
+COUNTERS = ("ipInReceives", "ipForwDatagrams", "ipOutRequests", "icmpOutEchos", "icmpInEchoReps")
+COUNTERS_AFTER = 10  # seconds between two readings of the agent
 RESTART_AFTER = 2
 QUIET_REPORT_EVERY = 10
 
@@ -241,6 +249,31 @@ def show_foreign_route(vrf):
         FOREIGN, *(1000 * each for each in took)))
 
 
+def start_probes(lab):
+    for vrf in lab.vrfs:
+        lab.switch.script_in(PROBES.format(id=vrf.id).splitlines())
+
+
+def show_probes(vrf):
+    """What the agent reported of each probe so far, at least once."""
+    def reports():
+        rows = {row["id"]: row for row in json.loads(labnet.orrinctl("ipsla", "show", "vrf", vrf.id, "json").stdout)}
+        return all(rows.get(number, {}).get(column) for number, column in PROBE_SHOWS.items())
+    labnet.until(reports, 10, lambda: f"the probes of VRF {vrf.name} show what they are for:\n"
+                 + labnet.orrinctl("ipsla", "show", "vrf", vrf.id).stdout)
+    print(labnet.orrinctl("ipsla", "show", "vrf", vrf.id).stdout, end="")
+
+
+def show_counters(vrf):
+    """The kernel's, as the agent serves them."""
+    def counters():
+        rows = json.loads(labnet.orrinctl("stats", "vrf", vrf.id, "json").stdout or "[]")
+        values = {row["name"]: row["value"] for row in rows if row["name"] in COUNTERS}
+        return values if values and all(values.values()) else None
+    values = labnet.until(counters, 2 * COUNTERS_AFTER, f"the agent of VRF {vrf.name} has read the kernel's counters")
+    print("counters:", ", ".join(f"{name} {value}" for name, value in values.items()))
+
+
 # Running -----------------------------------------------------------------------------------------------------------
 
 
@@ -251,11 +284,14 @@ def run_once():
         lab.start()
         for vrf in lab.vrfs:
             labnet.until_mirrored(vrf, max(0, started + ONCE_TIMEOUT - time.monotonic()))
+        start_probes(lab)
         for vrf in lab.vrfs:
             print_side_by_side(vrf)
             print(f"ping from 172.16.1.1 behind rt1: {ping_across(vrf)}")
             show_neighbours(vrf)
             show_foreign_route(vrf)
+            show_probes(vrf)
+            show_counters(vrf)
         print(f"\nboth kernels mirror the switch, {time.monotonic() - started:.1f} s after the start")
         return 0
     except (TimeoutError, RuntimeError) as error:
@@ -275,6 +311,8 @@ The switch and its two agents are running. From another terminal:
   ./lab exec orrinctl show arp vrf 3
   ./lab exec ip -n blue route add 198.51.101.0/24 via 10.1.0.2   then ask the switch for it
   ./lab exec orrinctl interface set {a} mtu 1300
+  ./lab exec orrinctl ipsla show               three probes in each VRF: answered, not answered, too slow
+  ./lab exec orrinctl stats vrf 3
   ./lab exec mirelsh 3 mirelStatsShow
   ./lab exec ip netns exec blue-h2 bash        a host behind VRF blue
   ./lab exec kill -9 {pid}                         an agent; the lab starts again what ended
@@ -289,6 +327,7 @@ def run_live():
         lab.start()
         live.say(INTRODUCTION.format(a=labnet.interface_of(lab.vrfs[0], 1), b=labnet.interface_of(lab.vrfs[1], 1),
                                      pid=lab.agents[0].pid))
+        start_probes(lab)
         while True:
             began = time.monotonic()
             live.show(counts())

@@ -63,6 +63,24 @@ def test_statistics_after_a_known_number_of_routes():
     assert agent.sh("mirelStatsShow") == STATS.format(added=0, deleted=0, modified=0, active=101)
 
 
+def test_event_counts_after_known_events():
+    system = labnet.start_system()
+    agent, ctl = system.agents[0], system.switch.ctl
+    agent.sh("mirelStatsClear")
+    for mtu in (1400, 1300, 1200):
+        ctl("interface", "set", 301, "mtu", mtu)
+    ctl(*"interface secondary 301 add 10.11.0.1/24".split())
+    until_mirrored(system.vrfs[0], areas=("interfaces",))
+    counted = {"TARNR_RTR_INTF_MTU": 3, "TARNR_RTR_INTF_ADDR_CHANGE": 1}
+    names = ["ENABLE_PENDING", "DISABLE", "ADDR_CHANGE", "MTU", "BW_CHANGE", "CFG_CHANGE"]
+    rows = [f"TARNR_RTR_INTF_{name}" for name in names]
+    assert agent.sh("mirelIntfEventCountShow", 301) == "\n The number of events received on interface-301 for \n" + "".join(
+        f"{row:<32}: {counted.get(row, 0)}\n" for row in rows)
+    assert agent.sh("mirelEventCountShow", 111) == "\n The number of events received for \nthe given message type : 3\n"
+    by_type = json.loads(agent.sh("mirelEventCountShow", 0, "--json"))
+    assert {name: count for name, count in by_type.items() if count and name != "TARNR_KEEPALIVE"} == counted
+
+
 def test_settings_and_refusals():
     system = labnet.start_system()
     agent = system.agents[0]

@@ -20,6 +20,8 @@ STEP_TIMEOUT = 900
 TEST_TIMEOUT = 120
 SANITIZERS = ["asan-ubsan", "tsan"]
 UNSANITIZED = ["tests/system/test_selftest.py",  # limits its address space, of which a sanitizer needs all
+               "tests/system/test_faults.py",  # the same
+               "tests/system/test_bench.py",  # measures
                "tests/system/test_package.py"]  # packages what was built
 
 

@@ -216,7 +216,7 @@ int rtoDatagramProcess(NetlinkBytes rest, int flags, RtoMessageHandler handler) 
   while (rest.size() >= sizeof header) {
     memcpy(&header, rest.data(), sizeof header);
     const auto length = static_cast<int>(header.nlmsg_len);
-    const int remaining = length - static_cast<int>(sizeof header);
+    const auto remaining = static_cast<int>(header.nlmsg_len - sizeof header);
     MIREL_TRACE(TRACE_RTO_DETAIL, OPERATION, " in while : bytesProc %d msg_len %d remain_msgLen %d \n\n",
                 static_cast<int>(rest.size()), length, remaining);
     NetlinkMessage message;

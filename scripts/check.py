@@ -1,5 +1,6 @@
 #!/usr/bin/python3
-"""Builds the release and the sanitizer configurations and runs every test in each, then counts the tests of all runners on one last line.
+"""Builds the release and the sanitizer configurations and runs every test in each, replays and fuzzes the fuzz targets, then
+counts the tests of all runners on one last line.
 
 A test that was skipped, disabled or could not be started counts as failed, and so does a build that breaks and a
 stage that ran no test at all: silence must never look like success.
@@ -8,16 +9,21 @@ stage that ran no test at all: silence must never look like success.
 import argparse
 import os
 import pathlib
+import shutil
 import subprocess
 import sys
 import time
 import xml.etree.ElementTree as ElementTree
+from concurrent.futures import ThreadPoolExecutor
 from dataclasses import dataclass
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 LOGS = ROOT / "build" / "check"
 STEP_TIMEOUT = 900
 TEST_TIMEOUT = 120
+FUZZ_SEED = 1
+FUZZ_SECONDS = 3  # a target
+FUZZ_SECONDS_ALL = 60
 SANITIZERS = ["asan-ubsan", "tsan"]
 UNSANITIZED = ["tests/system/test_selftest.py",  # limits its address space, of which a sanitizer needs all
                "tests/system/test_faults.py",  # the same
@@ -110,20 +116,49 @@ def test(preset):
     return Tally(total.passed + system.passed, total.failed + system.failed)
 
 
+def fuzz_one(target, seconds):
+    """Replays the target's corpus, then fuzzes it for some seconds, always the same way."""
+    name = f"fuzz-{target}"
+    found = LOGS / name
+    shutil.rmtree(found, ignore_errors=True)
+    (found / "units").mkdir(parents=True)
+    words = ROOT / "fuzz" / f"{target}.dict"
+    return run(name, [*unrandomised(), f"build/fuzz/bin/fuzz_{target}", f"-seed={FUZZ_SEED}", f"-max_total_time={seconds}",
+                      "-timeout=10", f"-artifact_prefix={found}/", *([f"-dict={words}"] if words.exists() else []),
+                      str(found / "units"), f"fuzz/corpus/{target}"])
+
+
+def fuzz(seconds):
+    """Each fuzz target counts as a test; one without a corpus, or a corpus without one, is a failed one."""
+    if not build("fuzz", []):
+        return Tally(failed=1)
+    print(f"  seed {FUZZ_SEED}, {seconds} s a target", flush=True)
+    built = {path.name.removeprefix("fuzz_") for path in (ROOT / "build/fuzz/bin").glob("fuzz_*")}
+    targets = {path.name for path in (ROOT / "fuzz/corpus").iterdir()}
+    with ThreadPoolExecutor(os.cpu_count()) as pool:
+        passed = sum(pool.map(lambda target: fuzz_one(target, seconds), sorted(targets & built)))
+    return Tally(passed, len(targets | built) - passed)
+
+
+def stages(everything):
+    for preset in ["release", *SANITIZERS] + (["clang"] if everything else []):
+        yield preset, lambda preset=preset: test(preset)
+    yield "fuzz", lambda: fuzz(FUZZ_SECONDS_ALL if everything else FUZZ_SECONDS)
+
+
 def main():
     parser = argparse.ArgumentParser(description="build and test everything")
-    parser.add_argument("--all", action="store_true", help="also build and test with clang")
+    parser.add_argument("--all", action="store_true", help="also build and test with clang, and fuzz for longer")
     options = parser.parse_args()
 
     LOGS.mkdir(parents=True, exist_ok=True)
-    presets = ["release", *SANITIZERS] + (["clang"] if options.all else [])
     total = Tally()
     results = []
-    for preset in presets:
-        print(f"{preset}:", flush=True)
+    for stage, carry_out in stages(options.all):
+        print(f"{stage}:", flush=True)
         started = time.monotonic()
-        tally = test(preset)
-        results.append(f"{preset:<12} {tally}  ({time.monotonic() - started:.0f} s)")
+        tally = carry_out()
+        results.append(f"{stage:<12} {tally}  ({time.monotonic() - started:.0f} s)")
         total.passed += tally.passed
         total.failed += tally.failed
 

@@ -1,7 +1,8 @@
 // The yardstick for bench/routes: route requests sent to the kernel one at a time, each answer waited for, with as little
 // around them as a program can have: one message built once, one send() and one recv() a request. The requests are those
-// that the agent's process library makes, but for the acknowledgement. "count" reads the kernel's table back. For bench/import
-// it is another program than the agent: with a protocol of its own, and not faster than it is told to be.
+// that the agent's process library makes, but for the acknowledgement. With "ahead" it is the limit: so many requests go in
+// one send(), and their acknowledgements are read together afterwards. "count" reads the kernel's table back. For
+// bench/import it is another program than the agent: with a protocol of its own, and not faster than it is told to be.
 
 #include "unique_fd.h"
 
@@ -26,6 +27,7 @@ namespace {
 
 constexpr uint8_t AGENT_PROTOCOL = 25;
 constexpr int64_t NSEC = 1'000'000'000;
+constexpr uint32_t AHEAD_MAX = 64; // the acknowledgements of as many fit into any receive buffer
 constexpr size_t DUMP_BUFFER_SIZE = 256 * 1024;
 
 [[noreturn]] void fail(const char *what, int error) {
@@ -35,7 +37,7 @@ constexpr size_t DUMP_BUFFER_SIZE = 256 * 1024;
 
 [[noreturn]] void usage() {
   fprintf(stderr, "usage: route_raw add|modify|del|count <first-prefix>/<length> <count> via <gateway> dev <device>"
-                  " [proto <number>] [rate <requests a second>]\n");
+                  " [proto <number>] [rate <requests a second>] [ahead <requests>]\n");
   exit(2);
 }
 
@@ -47,7 +49,8 @@ struct RouteRange {
   uint32_t gateway = 0;
   uint32_t device = 0;
   uint8_t protocol = AGENT_PROTOCOL;
-  uint32_t rate = 0; // requests a second, 0 = as fast as they are answered
+  uint32_t rate = 0;  // requests a second, 0 = as fast as they are answered
+  uint32_t ahead = 1; // requests sent before their answers are read
 
   uint32_t step() const { return uint32_t{1} << (32 - length); }
   uint32_t prefix(uint32_t index) const { return first + index * step(); }
@@ -93,6 +96,8 @@ RouteRange rangeRead(int argc, char **argv) {
       range.protocol = static_cast<uint8_t>(numberRead(argv[word + 1], UINT8_MAX));
     } else if (strcmp(argv[word], "rate") == 0) {
       range.rate = numberRead(argv[word + 1], UINT32_MAX);
+    } else if (strcmp(argv[word], "ahead") == 0) {
+      range.ahead = std::max(numberRead(argv[word + 1], AHEAD_MAX), 1U);
     } else {
       usage();
     }
@@ -170,6 +175,15 @@ struct RequestAnswer {
   nlmsgerr result;
 };
 
+void answerCheck(const RequestAnswer &answer, size_t length, uint32_t sequence) {
+  if (length < sizeof answer || answer.header.nlmsg_type != NLMSG_ERROR || answer.header.nlmsg_seq != sequence) {
+    fail("answer", EBADMSG);
+  }
+  if (answer.result.error != 0) {
+    fail(answer.result.msg.nlmsg_type == RTM_NEWROUTE ? "route add" : "route del", -answer.result.error);
+  }
+}
+
 void requestMake(int fd, RouteRequest &request, uint32_t prefix) {
   request.dst = htonl(prefix);
   ++request.header.nlmsg_seq;
@@ -181,14 +195,64 @@ void requestMake(int fd, RouteRequest &request, uint32_t prefix) {
   if (received < 0) {
     fail("receive", errno);
   }
-  if (received < static_cast<ssize_t>(sizeof answer) || answer.header.nlmsg_type != NLMSG_ERROR ||
-      answer.header.nlmsg_seq != request.header.nlmsg_seq) {
-    fail("answer", EBADMSG);
-  }
-  if (answer.result.error != 0) {
-    fail(request.header.nlmsg_type == RTM_NEWROUTE ? "route add" : "route del", -answer.result.error);
-  }
+  answerCheck(answer, static_cast<size_t>(received), request.header.nlmsg_seq);
 }
+
+// Requests that go to the kernel in one send(); it handles them in order, inside the call.
+class Batch {
+public:
+  explicit Batch(int fd) : fd_(fd) {
+    for (size_t i = 0; i < AHEAD_MAX; ++i) {
+      parts_[i] = {.iov_base = &answers_[i], .iov_len = sizeof answers_[i]};
+      messages_[i].msg_hdr.msg_iov = &parts_[i];
+      messages_[i].msg_hdr.msg_iovlen = 1;
+    }
+  }
+
+  void add(const RouteRequest &request, uint32_t prefix) {
+    char *const place = bytes_.data() + length_;
+    const uint32_t dst = htonl(prefix);
+    const uint32_t seq = sequence_ + count_;
+    memcpy(place, &request, request.header.nlmsg_len);
+    memcpy(place + offsetof(RouteRequest, dst), &dst, sizeof dst);
+    memcpy(place + offsetof(nlmsghdr, nlmsg_seq), &seq, sizeof seq);
+    length_ += request.header.nlmsg_len; // a multiple of the alignment
+    ++count_;
+  }
+
+  uint32_t count() const { return count_; }
+
+  void make() {
+    if (count_ == 0) {
+      return;
+    }
+    if (send(fd_, bytes_.data(), length_, 0) < 0) {
+      fail("send", errno);
+    }
+    for (uint32_t read = 0; read < count_;) {
+      const int received = recvmmsg(fd_, messages_.data(), count_ - read, 0, nullptr);
+      if (received < 0) {
+        fail("receive", errno);
+      }
+      for (uint32_t i = 0; i < static_cast<uint32_t>(received); ++i, ++read) {
+        answerCheck(answers_[i], messages_[i].msg_len, sequence_ + read);
+      }
+    }
+    sequence_ += count_;
+    count_ = 0;
+    length_ = 0;
+  }
+
+private:
+  const int fd_;
+  uint32_t sequence_ = 1;
+  uint32_t count_ = 0;
+  size_t length_ = 0;
+  alignas(nlmsghdr) std::array<char, AHEAD_MAX * sizeof(RouteRequest)> bytes_;
+  std::array<RequestAnswer, AHEAD_MAX> answers_{};
+  std::array<iovec, AHEAD_MAX> parts_{};
+  std::array<mmsghdr, AHEAD_MAX> messages_{};
+};
 
 // Holds the requests back to the rate: the one with this number is due so long after the first.
 class Pace {
@@ -225,6 +289,25 @@ void requestsMake(const RouteRange &range, bool remove, bool add) {
       requestMake(fd.get(), set, prefix);
     }
   }
+}
+
+void requestsMakeAhead(const RouteRange &range, bool remove, bool add) {
+  const UniqueFd fd = routeSocketOpen();
+  const RouteRequest del = removal(range);
+  const RouteRequest set = addition(range);
+  Batch batch(fd.get());
+  for (uint32_t i = 0; i < range.count; ++i) {
+    if (remove) {
+      batch.add(del, range.prefix(i));
+    }
+    if (add) {
+      batch.add(set, range.prefix(i));
+    }
+    if (batch.count() + 2 > range.ahead) {
+      batch.make();
+    }
+  }
+  batch.make();
 }
 
 struct TableCount {
@@ -316,12 +399,13 @@ int main(int argc, char **argv) {
   }
   const std::string_view verb = argv[1];
   const RouteRange range = rangeRead(argc, argv);
+  const auto make = range.ahead > 1 ? requestsMakeAhead : requestsMake;
   if (verb == "add") {
-    requestsMake(range, false, true);
+    make(range, false, true);
   } else if (verb == "modify") {
-    requestsMake(range, true, true);
+    make(range, true, true);
   } else if (verb == "del") {
-    requestsMake(range, true, false);
+    make(range, true, false);
   } else if (verb == "count") {
     countPrint(range);
   } else {

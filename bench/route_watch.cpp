@@ -29,7 +29,7 @@
 
 namespace {
 
-constexpr uint8_t ROUTE_PROTOCOL = 25;
+constexpr uint8_t AGENT_PROTOCOL = 25;
 constexpr int RECEIVE_BUFFER = 512 * 1024 * 1024; // bytes; a million announcements take less
 constexpr size_t BATCH = 64;
 constexpr int64_t NSEC = 1'000'000'000;
@@ -42,7 +42,8 @@ constexpr int64_t EXCESS_INTERVAL = 100'000'000; // how long after the last chan
 }
 
 [[noreturn]] void usage() {
-  fprintf(stderr, "usage: route_watch <additions> <removals> <seconds without a change that mean failure>\n");
+  fprintf(stderr, "usage: route_watch <additions> <removals> <seconds without a change that mean failure>"
+                  " [<protocol of the routes>]\n");
   exit(2);
 }
 
@@ -83,7 +84,8 @@ static_assert(sizeof(Announcement) == 28);
 
 class Watcher {
 public:
-  Watcher() : fd_(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_ROUTE)) {
+  explicit Watcher(uint32_t protocol)
+      : protocol_(protocol), fd_(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_ROUTE)) {
     sockaddr_nl address{};
     address.nl_family = AF_NETLINK;
     address.nl_groups = RTMGRP_IPV4_ROUTE;
@@ -124,11 +126,11 @@ public:
   }
 
 private:
-  static void announcementCount(const Announcement &announcement, size_t length, ChangeCount &count) {
+  void announcementCount(const Announcement &announcement, size_t length, ChangeCount &count) const {
     if (length < sizeof announcement || NLMSG_ALIGN(announcement.header.nlmsg_len) != NLMSG_ALIGN(length)) {
       fail("more or less than one message in a datagram", EBADMSG);
     }
-    if (announcement.route.rtm_protocol != ROUTE_PROTOCOL || announcement.route.rtm_table != RT_TABLE_MAIN) {
+    if (announcement.route.rtm_protocol != protocol_ || announcement.route.rtm_table != RT_TABLE_MAIN) {
       return;
     }
     if (announcement.header.nlmsg_type == RTM_NEWROUTE) {
@@ -138,6 +140,7 @@ private:
     }
   }
 
+  const uint32_t protocol_;
   UniqueFd fd_;
   std::array<Announcement, BATCH> announcements_{};
   std::array<iovec, BATCH> parts_{};
@@ -153,7 +156,7 @@ void countFail(const char *what, const ChangeCount &count, const ChangeCount &ex
 } // namespace
 
 int main(int argc, char **argv) {
-  if (argc != 4) {
+  if (argc != 4 && argc != 5) {
     usage();
   }
   const ChangeCount expected{.additions = numberRead(argv[1]), .removals = numberRead(argv[2])};
@@ -162,7 +165,7 @@ int main(int argc, char **argv) {
   if (sched_setscheduler(0, SCHED_FIFO, &priority) != 0) {
     fail("real-time priority", errno);
   }
-  Watcher watcher;
+  Watcher watcher(argc == 5 ? numberRead(argv[4]) : AGENT_PROTOCOL);
   puts("ready");
   fflush(stdout);
 

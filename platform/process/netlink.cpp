@@ -66,10 +66,14 @@ UniqueFd netlinkOpen() {
   return fd;
 }
 
-NetlinkResult netlinkAsk(int fd, uint32_t &seq, NetlinkRequest &request, std::span<std::byte> reply) {
+NetlinkResult netlinkAsk(int fd, uint32_t &seq, NetlinkRequest &request, std::span<std::byte> reply,
+                         AnswerWatch *watch) {
   const uint32_t number = ++seq;
   if (!sendWhole(fd, request.numbered(number))) {
     return {.carried = false, .error = errno};
+  }
+  if (watch != nullptr && watch->nothingCame(fd)) {
+    return {.carried = true, .error = 0};
   }
   // The queue is read until it is empty: nothing may stay that a later request could meet, and an answer that the kernel
   // could not queue shows as ENOBUFS.
@@ -79,6 +83,9 @@ NetlinkResult netlinkAsk(int fd, uint32_t &seq, NetlinkRequest &request, std::sp
   for (;;) {
     const ssize_t length = receive(fd, buffer, MSG_DONTWAIT);
     if (length < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+      if (watch != nullptr) {
+        watch->isEmpty(fd);
+      }
       return result;
     }
     if (length < 0 && errno != ENOBUFS) {

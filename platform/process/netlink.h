@@ -1,7 +1,9 @@
 // Requests to the kernel's route netlink, one at a time. The kernel handles a request inside send(): its answer, if there is
-// one, is waiting when send() returns. So nothing here asks for an acknowledgement, and only a dump is ever waited for.
+// one, is waiting when send() returns. So nothing here asks for an acknowledgement, only a dump is ever waited for, and a route's
+// request does not even look for an answer where it can tell that there is none (answer_watch.h).
 #pragma once
 
+#include "answer_watch.h"
 #include "netlink_attr.h"
 #include "unique_fd.h"
 
@@ -63,8 +65,9 @@ struct NetlinkResult {
 UniqueFd netlinkOpen();
 
 // Sends one request under the next number of `seq` and takes its answer. The start of the payload of the kernel's reply,
-// where it sends one, is copied to `reply`.
-NetlinkResult netlinkAsk(int fd, uint32_t &seq, NetlinkRequest &request, std::span<std::byte> reply = {});
+// where it sends one, is copied to `reply`. A watch that can tell that there is no answer saves the look for one.
+NetlinkResult netlinkAsk(int fd, uint32_t &seq, NetlinkRequest &request, std::span<std::byte> reply = {},
+                         AnswerWatch *watch = nullptr);
 
 // Sends a dump request and reads the answer to its end, calling onEach with the payload of every message of `type`.
 struct NetlinkDump {

@@ -12,6 +12,7 @@
 #include <utility>
 
 std::mutex routeNetlinkLock;
+AnswerWatch *routeAnswerWatch;
 
 namespace {
 
@@ -126,7 +127,7 @@ NetlinkResult create(RouteNetlinkSock *sock, const Route &route, uint16_t create
   header.rtm_flags = onLink == OnLink::yes ? RTNH_F_ONLINK : 0;
   NetlinkRequest request(RTM_NEWROUTE, createFlags, header);
   addAttributes(request, route);
-  return netlinkAsk(sock->fd, sock->seq, request);
+  return netlinkAsk(sock->fd, sock->seq, request, {}, routeAnswerWatch);
 }
 
 // Type 0 and scope "nowhere" match every type and scope; the protocol keeps other programs' routes out.
@@ -136,7 +137,7 @@ NetlinkResult remove(RouteNetlinkSock *sock, const Route &route) {
   header.rtm_scope = RT_SCOPE_NOWHERE;
   NetlinkRequest request(RTM_DELROUTE, 0, header);
   addAttributes(request, route);
-  return netlinkAsk(sock->fd, sock->seq, request);
+  return netlinkAsk(sock->fd, sock->seq, request, {}, routeAnswerWatch);
 }
 
 // Whatever way we gave the prefix.

@@ -14,6 +14,10 @@ constexpr size_t DEVICE_NAME_MAX = 15; // of the kernel, without NUL
 // Held while a RouteNetlinkSock is in use: a request and its answer belong together, whichever thread asks.
 extern std::mutex routeNetlinkLock;
 
+// Of the route netlink socket that was opened last, for the thread that opened it. Never freed: threads may be in here when the
+// process ends. Null before the first.
+extern AnswerWatch *routeAnswerWatch;
+
 // Prefix length of a mask in host byte order, -1 if its ones are not contiguous.
 int routePrefixLength(uint32_t mask);
 

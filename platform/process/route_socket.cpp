@@ -5,6 +5,7 @@
 #include "route_netlink.h"
 
 #include <cerrno>
+#include <new>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -117,5 +118,11 @@ extern "C" int32_t procOsapiRouteNetlinkSocketInit(RouteNetlinkSock *sock) {
   }
   sock->fd = fd.release();
   routeLeftoversRemove(sock);
+  if (routeAnswerWatch == nullptr) {
+    routeAnswerWatch = new (std::nothrow) AnswerWatch;
+  }
+  if (routeAnswerWatch != nullptr) {
+    routeAnswerWatch->begin(sock->fd);
+  }
   return 0;
 }

@@ -5,9 +5,13 @@
 
 #include <cerrno>
 #include <fstream>
+#include <linux/filter.h>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
+#include <linux/seccomp.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <thread>
 #include <unistd.h>
 
@@ -201,6 +205,24 @@ TEST_F(Routes, lostAnswerIsATransportFailure) {
   shell("for i in 1 2 3 4 5 6 7 8; do ip link set rt2 mtu 140$i; done");
   EXPECT_EQ(del("20.0.0.0", 24), REFUSED);
   EXPECT_EQ(del("20.0.0.0", 24), NO_SUCH_ROUTE);
+}
+
+// Where the kernel offers no shared memory to watch an answer in, as many containers do not, each request looks for its own.
+TEST_F(Routes, refusalsAreSeenWithoutIoUring) {
+  std::thread([this] {
+    sock_filter refuse[] = {BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+                            BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_io_uring_setup, 0, 1),
+                            BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EPERM),
+                            BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW)};
+    const sock_fprog program = {std::size(refuse), refuse};
+    prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0); // of this thread only, like the filter
+    ASSERT_EQ(prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program), 0);
+    ASSERT_EQ(procOsapiRouteNetlinkSocketInit(&sock), 0);
+    EXPECT_EQ(add("20.0.0.0", 24, "10.0.0.2", "rt1"), 0);
+    EXPECT_EQ(add("20.0.1.0", 24, "224.0.0.1", "rt1"), REFUSED);
+    EXPECT_EQ(del("20.0.0.0", 24), REMOVED);
+    EXPECT_EQ(del("20.0.0.0", 24), NO_SUCH_ROUTE);
+  }).join();
 }
 
 TEST_F(Routes, oneSocketServesSeveralThreads) {

@@ -79,7 +79,7 @@ private:
 
 // A definition in front of the real one, which it finds behind itself.
 #define TIMED(area, result, name, parameters, arguments)                                                               \
-  extern "C" result name parameters {                                                                                  \
+  extern "C" [[gnu::visibility("default")]] result name parameters {                                                   \
     static const auto real = reinterpret_cast<decltype(&name)>(dlsym(RTLD_NEXT, #name));                               \
     const Span span(area);                                                                                             \
     return real arguments;                                                                                             \

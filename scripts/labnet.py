@@ -137,6 +137,11 @@ def in_netns(ns, *command):
     return ["ip", "netns", "exec", ns, *map(str, command)]
 
 
+def enter_netns(descriptor):
+    """For a child before it becomes another program."""
+    _system_call("setns", descriptor, CLONE_NEWNET)
+
+
 def link_index(ns, device):
     return ip_json("link", "show", "dev", device, ns=ns)[0]["ifindex"]
 

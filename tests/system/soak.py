@@ -1,0 +1,128 @@
+#!/usr/bin/python3
+"""A soak: for a long time interfaces, routes, neighbours, other programs' routes and probes change at random, agents and switch are
+left alone, and nothing may grow: no descriptor, no thread, no memory of any of them; in the end every kernel is what the switch
+holds, both ways. The first tenth is for warming up. The seed is printed and gives the same changes again.
+
+    tests/system/soak.py [--minutes 30] [--seed N]
+"""
+
+import argparse
+import os
+import pathlib
+import random
+import re
+import subprocess
+import sys
+import time
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "scripts"))
+import labnet  # noqa: E402
+import walk  # noqa: E402
+
+WARM_UP = 0.1  # of the time
+MEMORY_SLACK = 512  # kB of a process's own memory: pages of the heap that a peak has touched
+REPORT_EVERY = 60
+SETTLE_SECONDS = 60
+
+
+def usage(process):
+    """What must not grow."""
+    status = pathlib.Path(f"/proc/{process.pid}/status").read_text()
+    number = {key: int(re.search(rf"^{key}:\s+(\d+)", status, re.M)[1]) for key in ("Threads", "RssAnon")}
+    return {"descriptors": len(os.listdir(f"/proc/{process.pid}/fd")), "threads": number["Threads"], "kB": number["RssAnon"]}
+
+
+class Others:
+    """What does not come from the switch's configuration: programs of the VRF, neighbours, probes."""
+
+    def __init__(self, vrfs, switch, dice):
+        self.vrfs, self.switch, self.dice = vrfs, switch, dice
+        self.probes = set()
+
+    def next(self):
+        vrf, dice = self.dice.choice(self.vrfs), self.dice
+        device = f"rt{dice.randint(1, walk.LINKS)}"
+        dice.choice((self.route, self.neighbour, self.probe))(vrf, device)
+
+    def route(self, vrf, device):
+        verb = self.dice.choice(("replace", "del"))
+        subprocess.run(["ip", "-n", vrf.name, "route", verb, f"192.0.{self.dice.randint(0, 99)}.0/24", "dev", device],
+                       capture_output=True)
+
+    def neighbour(self, vrf, device):
+        address = f"10.{device[2:]}.0.{self.dice.randint(50, 99)}"
+        words = self.dice.choice((["replace", address, "lladdr", "02:00:00:00:00:99", "dev", device], ["del", address, "dev", device]))
+        subprocess.run(["ip", "-n", vrf.name, "neigh", *words], capture_output=True)
+
+    def probe(self, vrf, _):
+        key = vrf.id, self.dice.randint(1, 128)
+        if key in self.probes:
+            self.switch.ctl("ipsla", "stop", "vrf", *key)
+        else:
+            self.switch.ctl("ipsla", "start", "vrf", *key, "to", f"10.{self.dice.randint(1, walk.LINKS)}.0.{self.dice.randint(1, 9)}",
+                            "frequency", 1, "timeout", 500, "size", self.dice.choice((0, 32, 1400, 60000)))
+        self.probes ^= {key}
+
+    def end(self):
+        for key in self.probes:
+            self.switch.ctl("ipsla", "stop", "vrf", *key)
+        for vrf in self.vrfs:
+            for number in range(100):
+                subprocess.run(["ip", "-n", vrf.name, "route", "del", f"192.0.{number}.0/24"], capture_output=True)
+
+
+def soak(seconds, seed, say):
+    dice = random.Random(seed)
+    vrfs = [walk.make_vrf(3, "blue"), walk.make_vrf(4, "red")]
+    script = [line for vrf in vrfs for line in (*labnet.vrf_script(vrf, walk.LINKS), f"vrf set {vrf.id} routing on")]
+    switch = labnet.Switch(["keepalive period 1", "event timeout 10", *script])
+    switch.start()
+    agents = [labnet.Agent(vrf) for vrf in vrfs]
+    for agent in agents:
+        agent.start()
+        agent.quick()
+    steps, others = walk.Walk(vrfs, dice), Others(vrfs, switch, dice)
+    steps.kinds = [(kind, weight) for kind, weight in steps.kinds if kind != steps.routing_switch]
+    began, changes, warm, reported = time.monotonic(), 0, None, 0
+    while (elapsed := time.monotonic() - began) < seconds:
+        walk.change(switch, steps.next())
+        others.next()
+        changes += 1
+        if warm is None and elapsed > WARM_UP * seconds:
+            others_at_rest(others, agents, steps, changes, say)
+            warm = {process.name: usage(process) for process in (switch, *agents)}
+        if elapsed - reported >= REPORT_EVERY:
+            reported = elapsed
+            say(f"{elapsed:.0f} s, {changes} changes: " + ", ".join(f"{each.name} {usage(each)}" for each in (switch, *agents)))
+    others_at_rest(others, agents, steps, changes, say)
+    grown = [f"{process.name}: {warm[process.name]} -> {usage(process)}" for process in (switch, *agents)
+             if has_grown(warm[process.name], usage(process))]
+    if grown:
+        raise RuntimeError("has grown: " + "; ".join(grown))
+    say(f"{changes} changes in {seconds:.0f} s, nothing has grown: {warm}")
+
+
+def others_at_rest(others, agents, steps, changes, say):
+    """The same state each time: no probes, no foreign routes, everything mirrored."""
+    others.end()
+    others.probes.clear()
+    walk.check(agents, steps, changes, say)
+    time.sleep(2)  # the probe task sees that it is not needed any more
+
+
+def has_grown(warm, now):
+    return now["descriptors"] > warm["descriptors"] or now["threads"] > warm["threads"] or now["kB"] > warm["kB"] + MEMORY_SLACK
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("--minutes", type=float, default=30)
+    parser.add_argument("--seed", type=int, default=random.randrange(1 << 31))
+    options = parser.parse_args()
+    print(f"seed {options.seed}", flush=True)
+    sandbox = labnet.start_sandbox(lambda: soak(60 * options.minutes, options.seed, lambda text: print(text, flush=True)))
+    return os.waitstatus_to_exitcode(os.waitpid(sandbox, 0)[1])
+
+
+if __name__ == "__main__":
+    sys.exit(main())

@@ -124,12 +124,26 @@ TEST(StartUp, Arguments) {
   }
 }
 
-TEST(StartUp, WithoutArgument) {
-  AgentProcess agent(AgentOptions{.arguments = {}});
-  EXPECT_EQ(agent.end(), "exit 1");
-  EXPECT_THAT(agent.errors(), StartsWith("usage: "));
-  EXPECT_THAT(agent.trace(), IsEmpty());
-  EXPECT_EQ(agent.output(), "");
+// None of them may do anything: VRF 0 would be served.
+TEST(StartUp, NoServiceNamed) {
+  for (const Lines &arguments : {Lines{}, Lines{"--version"}, Lines{"--help"}, Lines{"-h"}}) {
+    AgentProcess agent(AgentOptions{.arguments = arguments});
+    const bool asked = arguments == Lines{"--help"} || arguments == Lines{"-h"};
+    EXPECT_EQ(agent.end(), asked ? "exit 0" : "exit 1");
+    EXPECT_THAT(asked ? agent.output() : agent.errors(), StartsWith("usage: "));
+    EXPECT_THAT(asked ? agent.errors() : agent.output(), IsEmpty());
+    EXPECT_THAT(agent.trace(), IsEmpty());
+  }
+}
+
+TEST(StartUp, SecondAgentOfTheVrf) {
+  AgentProcess first;
+  startUp(first);
+  AgentProcess second;
+  EXPECT_EQ(second.end(), "exit 0");
+  Lines lines = second.trace();
+  std::erase_if(lines, [](const std::string &line) { return line.starts_with("qvproc_devshell_"); });
+  EXPECT_EQ(lines, Lines{log(3, "VRF-ID 3: another agent serves this VRF already.")});
 }
 
 // The message is the last thing that is heard of the agent.

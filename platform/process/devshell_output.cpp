@@ -6,6 +6,9 @@
 // lock for the whole operation instead would be simpler and could lock up the program: the operation may need a lock whose
 // owner is just about to print. What other threads print meanwhile goes through the program's own stream, which keeps their
 // lines whole; at all other times our stream is line-buffered and writes to descriptor 1 itself.
+//
+// Nobody waits long for a reader of descriptor 1 that has stopped: after a second what it has no room for is dropped, at once from
+// then on, and once there is room again it is told how much is missing.
 
 #include "devshell_output.h"
 
@@ -13,7 +16,9 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
+#include <poll.h>
 #include <sys/mman.h>
 #include <unistd.h>
 #include <utility>
@@ -28,9 +33,12 @@ struct Capture {
 };
 thread_local Capture threadCapture;
 
-FILE *programStream = nullptr; // what stdout was
+constexpr int READER_PATIENCE_MSEC = 1000;
+
+FILE *programStream = nullptr; // of the text of other threads, while an operation runs
 FILE *shellStream = nullptr;   // what stdout is
 std::array<char, BUFSIZ> streamBuffer;
+uint64_t bytesDropped = 0; // since descriptor 1 had room last; used with the shell stream's lock held
 
 // Where the stream's lock is held. The lock is all that is needed; the counter tells the thread sanitizer of it, which does not
 // know locks of streams.
@@ -63,6 +71,46 @@ bool writeWhole(int fd, const char *bytes, size_t size) {
   return true;
 }
 
+// A reader that has gone is room: the write says so.
+bool programHasRoom(int patienceMsec) {
+  pollfd output = {.fd = STDOUT_FILENO, .events = POLLOUT, .revents = 0};
+  return poll(&output, 1, patienceMsec) > 0;
+}
+
+bool programNote(uint64_t missing) {
+  std::array<char, 64> text;
+  const int length = snprintf(text.data(), text.size(), "\n[%llu bytes of output dropped]\n",
+                              static_cast<unsigned long long>(missing));
+  return writeWhole(STDOUT_FILENO, text.data(), static_cast<size_t>(length));
+}
+
+// In pieces that a pipe with any room takes without waiting.
+bool programWrite(const char *bytes, size_t size) {
+  for (size_t done = 0; done < size;) {
+    if (!programHasRoom(bytesDropped == 0 ? READER_PATIENCE_MSEC : 0)) {
+      bytesDropped += size - done;
+      return true;
+    }
+    if (bytesDropped != 0) {
+      const uint64_t missing = std::exchange(bytesDropped, 0);
+      if (!programNote(missing)) {
+        return false;
+      }
+      continue; // which may have taken the room
+    }
+    const size_t piece = std::min<size_t>(size - done, PIPE_BUF);
+    if (!writeWhole(STDOUT_FILENO, bytes + done, piece)) {
+      return false;
+    }
+    done += piece;
+  }
+  return true;
+}
+
+ssize_t programStreamWrite(void *, const char *bytes, size_t size) {
+  return programWrite(bytes, size) ? static_cast<ssize_t>(size) : 0;
+}
+
 // The stream's lock is held. Outside an operation the text may be several threads', and all of it is the program's.
 ssize_t streamWrite(void *, const char *bytes, size_t size) {
   const StreamTurn turn;
@@ -72,9 +120,12 @@ ssize_t streamWrite(void *, const char *bytes, size_t size) {
     capture.bytes += kept;
     return writeWhole(capture.memory, bytes, kept) ? static_cast<ssize_t>(size) : 0;
   }
-  const bool passed =
-      operationRuns ? fwrite(bytes, 1, size, programStream) == size : writeWhole(STDOUT_FILENO, bytes, size);
+  const bool passed = operationRuns ? fwrite(bytes, 1, size, programStream) == size : programWrite(bytes, size);
   return passed ? static_cast<ssize_t>(size) : 0;
+}
+
+FILE *streamOf(cookie_write_function_t *write) {
+  return fopencookie(nullptr, "w", {.read = nullptr, .write = write, .seek = nullptr, .close = nullptr});
 }
 
 void operationBegins() {
@@ -104,15 +155,17 @@ bool programOutputTakeOver() {
   if (shellStream != nullptr) {
     return true;
   }
-  FILE *stream = fopencookie(nullptr, "w", {.read = nullptr, .write = streamWrite, .seek = nullptr, .close = nullptr});
-  if (stream == nullptr) {
+  FILE *program = streamOf(programStreamWrite);
+  FILE *shell = streamOf(streamWrite);
+  if (program == nullptr || shell == nullptr) {
     return false;
   }
-  setvbuf(stream, streamBuffer.data(), _IOLBF, streamBuffer.size());
+  setvbuf(program, nullptr, _IOLBF, BUFSIZ);
+  setvbuf(shell, streamBuffer.data(), _IOLBF, streamBuffer.size());
   fflush(stdout);
-  programStream = stdout;
-  shellStream = stream;
-  stdout = stream;
+  programStream = program;
+  shellStream = shell;
+  stdout = shell;
   return true;
 }
 

@@ -166,6 +166,32 @@ def processor_ticks(pid):
     return int(fields[11]) + int(fields[12])
 
 
+def test_reader_of_the_traces_stops_and_goes():
+    """The agent goes on, with what there was no room for counted, and ends neither then nor when its reader has gone."""
+    system = labnet.start_system()
+    vrf, agent, switch = system.vrfs[0], system.agents[0], system.switch
+    agent.kill()
+    reading, writing = os.pipe()
+    with agent.log.open("ab") as log:
+        agent.child = subprocess.Popen(agent.command, stdin=subprocess.DEVNULL, stdout=writing, stderr=log, start_new_session=True)
+    os.close(writing)
+    until(lambda: agent.operation("mirelDebugFlagsSet", 7).returncode == 0, 15, "the agent starts")
+    agent.quick()
+    until_mirrored(vrf)
+    for mtu in range(1300, 1400):
+        switch.ctl("interface", "set", 301, "mtu", mtu)  # some kB of traces each
+    until_mirrored(vrf)
+    assert agent.sh("mirelDebugFlagsGet") == "7\n"
+    first = os.read(reading, 1 << 20)
+    switch.ctl("interface", "set", 301, "mtu", 1500)
+    until_mirrored(vrf)
+    assert re.search(rb"\n\[[1-9][0-9]* bytes of output dropped\]\n", os.read(reading, 1 << 20)) and len(first) > 60000
+    os.close(reading)
+    switch.ctl("interface", "set", 301, "mtu", 1400)
+    until_mirrored(vrf)
+    assert agent.running() and agent.sh("mirelDebugFlagsGet") == "7\n"
+
+
 def test_idle_agent_uses_no_processor_time():
     system = labnet.start_system(script=[f"routes add vrf 3 20.0.0.0/24 count 1000 {VIA_1}"])
     agent = system.agents[0]

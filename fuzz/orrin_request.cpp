@@ -38,5 +38,6 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     size -= length;
   }
   small.print(form);
+  restoreCheck(sw);
   return 0;
 }

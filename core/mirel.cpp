@@ -18,14 +18,12 @@
 #include "snmp_monitor.h"
 #include "vr_ipslaprobe_util.h"
 
-#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <pthread.h>
-#include <sys/file.h>
 #include <unistd.h>
 
 namespace {
@@ -38,9 +36,6 @@ constexpr uint32_t SERVICE_ARG1 = 1; // the platform's own meaning
 constexpr uint32_t SERVICE_ARG2 = 2001;
 constexpr uint32_t CONNECTIVITY_RETRY_MSEC = 1000;
 constexpr unsigned DATAGRAM_QUEUE_LENGTH = 1024;
-
-constexpr int LOCK_TRIES = 20;
-constexpr useconds_t LOCK_RETRY_USEC = 100000;
 
 enum ExitStatus { EXIT_FATAL = 0, EXIT_USAGE = 1, EXIT_NO_PLATFORM = 2 };
 
@@ -61,24 +56,6 @@ int usage(const char *argument) {
   fprintf(asked ? stdout : stderr,
           "usage: mirel NAME-VRF\n  VRF  number of the VRF to mirror; a NAME without a hyphen serves VRF 0\n");
   return asked ? EXIT_SUCCESS : EXIT_USAGE;
-}
-
-// A second agent would take its sockets from the first, flap its links, and only then be refused by the switch. One that is just
-// ending is waited for; where there can be no lock, there is none.
-bool vrfLockTake() {
-  char path[sizeof "/tmp/mirel-4294967295.lock"];
-  snprintf(path, sizeof path, "/tmp/mirel-%02u.lock", mirelVrfId);
-  const int fd = open(path, O_RDONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600); // held to the end of the process
-  if (fd < 0) {
-    return true;
-  }
-  for (int attempt = 1; flock(fd, LOCK_EX | LOCK_NB) != 0; ++attempt) {
-    if (errno != EWOULDBLOCK || attempt == LOCK_TRIES) {
-      return errno != EWOULDBLOCK;
-    }
-    usleep(LOCK_RETRY_USEC);
-  }
-  return true;
 }
 
 void contextClear() {
@@ -291,11 +268,6 @@ int main(int argc, char **argv) {
   qvproc_devshell_init();
   mirelPid = static_cast<uint32_t>(getpid());
   mirelVrfId = mirelVrfIdFromArgument(argument);
-  if (!vrfLockTake()) {
-    qvproc_logf(SEVERITY_ERROR, COMPONENT_MIREL, LOG_AREA, __LINE__,
-                "VRF-ID %u: another agent serves this VRF already.", mirelVrfId);
-    return EXIT_FATAL;
-  }
   clientNameFormat();
   syncDatabaseRegister();
   apiSemaphoreCreate();

@@ -136,16 +136,6 @@ TEST(StartUp, NoServiceNamed) {
   }
 }
 
-TEST(StartUp, SecondAgentOfTheVrf) {
-  AgentProcess first;
-  startUp(first);
-  AgentProcess second;
-  EXPECT_EQ(second.end(), "exit 0");
-  Lines lines = second.trace();
-  std::erase_if(lines, [](const std::string &line) { return line.starts_with("qvproc_devshell_"); });
-  EXPECT_EQ(lines, Lines{log(3, "VRF-ID 3: another agent serves this VRF already.")});
-}
-
 // The message is the last thing that is heard of the agent.
 TEST(StartUp, FatalSteps) {
   const std::string register_ = "rpcclt_tarnapiBestRouteEventRegisterVr";

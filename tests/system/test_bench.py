@@ -1,35 +1,41 @@
 """The bench measures what it says: a small run of each, and a clock that does not believe in lost changes."""
 
+import json
+import pathlib
 import subprocess
+from xml.etree import ElementTree
 
 import labnet
 
 
-def test_all_three_are_measured():
-    done = subprocess.run([labnet.ROOT / "bench" / "routes", "--count", "400", "--runs", "1", "--programs", "mirel,raw,ip"], text=True, capture_output=True)
-    assert done.returncode == 0, done.stderr
-    for row in ("add", "modify", "withdraw"):
-        cells = [line.split() for line in done.stdout.splitlines() if line.strip().startswith(row)]
-        assert [len(line) for line in cells] == [4, 3], done.stdout  # rates of three programs, ratios to two
+def quick_run(only, *options):
+    """The table's lines and what the benches found."""
+    done = subprocess.run([labnet.ROOT / "bench" / "run", "--quick", "--only", only, "--json", "/tmp/found", *options], text=True,
+                          capture_output=True)
+    assert done.returncode == 0, done.stdout + done.stderr
+    return json.loads(pathlib.Path("/tmp/found").read_text())
 
 
-def test_interfaces_are_measured():
-    done = subprocess.run([labnet.ROOT / "bench" / "interfaces", "--count", "20", "--runs", "1"], text=True, capture_output=True)
-    assert done.returncode == 0, done.stderr
-    for row in ("enable", "change", "disable"):
-        rates, shares = [line.split() for line in done.stdout.splitlines() if line.strip().startswith(row)]
-        spent = [int(word) for word in shares[1::2] if word.isdigit()]
-        assert 0.0 < float(rates[1].replace(",", "")) and sum(spent) in (99, 100, 101), done.stdout
+def test_routes_are_measured_and_plotted():
+    found = quick_run("routes", "--sizes", "200,1000", "--plot", "/tmp/plot.svg")
+    measured = {line["peer name"] for line in found["table"] if line["ratio"]}
+    assert {"raw", "pipelined", "ip -batch"} <= measured
+    # A daemon that is not there is in the table all the same, with the reason.
+    assert all(line["ratio"] or line["absent"] for line in found["table"]) and len(found["table"]) == 30
+    shapes = [shape.tag.rpartition("}")[2] for shape in ElementTree.parse("/tmp/plot.svg").iter()]
+    assert shapes.count("polyline") == 3 * (1 + len(measured)) and shapes.count("circle") == 2 * shapes.count("polyline")
 
 
-def test_probes_and_calls_are_measured():
-    done = subprocess.run([labnet.ROOT / "bench" / "probes", "--rounds", "3", "--runs", "1"], text=True, capture_output=True)
-    assert done.returncode == 0, done.stderr
-    rows = {line.split()[0]: [float(word) for word in line.split()[-3:]] for line in done.stdout.splitlines()
-            if line.strip().startswith(("median", "99 %", "longest"))}
-    assert len(rows) == 3 and all(value > 0 for row in rows.values() for value in row), done.stdout
-    done = subprocess.run([labnet.ROOT / "bench" / "rpc", "--requests", "2000", "--runs", "1"], text=True, capture_output=True)
-    assert done.returncode == 0 and float(done.stdout.split("agent / echo, run by run")[1].split()[0]) > 0, done.stderr
+def test_everything_else_is_measured():
+    found = quick_run("interfaces,import,probes,rpc,neighbours,agent")
+    by_name = {line["measure"]: line for line in found["table"]}
+    for name, line in by_name.items():
+        assert line["agent"] and (line["ratio"] or not line["peer name"]), name
+        assert line["agent"]["lowest"] <= line["agent"]["median"] <= line["agent"]["highest"], name
+    assert all((line["met"] is None) == (line["goal"] is None) for line in by_name.values())
+    assert by_name["foreign routes lost beside own"]["agent"]["median"] == 0
+    shares = found["benches"]["interfaces"]["measures"]["enable, of its time"]["programs"]
+    assert 99 < sum(share["median"] for share in shares.values()) < 101
 
 
 def test_a_missing_and_an_unexpected_change_are_failures():

@@ -17,7 +17,7 @@ READY_SECONDS = 10
 
 
 class Bird:
-    name, protocol = "bird", 12
+    name, protocol, idle_seconds = "bird", 12, 60
     replaces = True  # a changed route is announced as one addition
 
     def __init__(self, work, namespace, gateways, device):
@@ -52,7 +52,7 @@ class Bird:
 
 
 class Frr:
-    name, protocol = "frr", 196
+    name, protocol, idle_seconds = "frr", 196, 300  # staticd may think for minutes before the first change
     replaces = False
 
     def __init__(self, work, namespace, gateways, device):
@@ -65,7 +65,8 @@ class Frr:
         for phase, forms in lines.items():
             with (self.folder / phase).open("w") as out:
                 for prefix in work.prefixes():
-                    out.writelines(form.format(prefix=prefix, old=old, new=new, device=f"{device} onlink") + "\n" for form in forms)
+                    out.writelines(form.format(prefix=prefix, old=old, new=new, device=f"{device} onlink") + "\n"
+                                   for form in forms)
         (self.folder / "empty").write_text("")
         shutil.chown(self.folder, "frr", "frr")
         # Its logs for crashes go there, and would stay.
@@ -79,12 +80,12 @@ class Frr:
 
     def start(self):
         for daemon in ("zebra", "staticd"):
-            command = [FRR / daemon, "-f", self.folder / "empty", "-i", self.folder / f"{daemon}.pid", "-z", self.folder / "zserv.api",
-                       "--vty_socket", self.folder, "-P", "0"]
+            command = [FRR / daemon, "-f", self.folder / "empty", "-i", self.folder / f"{daemon}.pid",
+                       "-z", self.folder / "zserv.api", "--vty_socket", self.folder, "-P", "0"]
             child = labnet.Process(f"frr-{daemon}", labnet.in_netns(self.namespace, *command))
             child.start()
             self.children.append(child)
-            labnet.until((self.folder / f"{daemon}.vty").exists, READY_SECONDS, lambda: f"{daemon} listens; it said: {child.said()}")
+            labnet.until((self.folder / f"{daemon}.vty").exists, READY_SECONDS, f"{daemon} listens")
         labnet.until(self._knows_device, READY_SECONDS, "zebra knows the device")
 
     def _knows_device(self):

@@ -1,5 +1,6 @@
-// One datagram on the socket of a running probe session, which waits for the answer to its last request. The socket is a
-// pair's end, made once.
+// One datagram for a running probe session, which waits for the answer to its last request: first as bytes that end where the
+// datagram does, as the session's own buffer is far longer and would hide a step beyond it, then on the socket, a pair's end that
+// is made once.
 
 #include "agent.h"
 
@@ -37,6 +38,9 @@ int LLVMFuzzerInitialize(int *, char ***) {
 
 int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   pingSessionEntry entry = sessionWaiting();
+  if (IcmpMessage message{}; probeIcmpParse({data, size}, message)) {
+    probeAgentPingValidate(entry, message);
+  }
   if (send(pair[1], data, size, MSG_DONTWAIT) == static_cast<ssize_t>(size)) {
     probeAgentPingRxPdu(entry);
   }

@@ -110,7 +110,8 @@ bool split(std::span<const char> request, Arguments &arguments) {
   return true;
 }
 
-constexpr const char *UNKNOWN_OPERATION = "unknown operation; \"help\" lists the known ones";
+constexpr const char *UNKNOWN_OPERATION = ": unknown operation; \"help\" lists the known ones";
+constexpr const char *NUMBER_RANGE = "; a number is 0 to 4294967295, decimal or 0x"; // of whatever stands in <>
 
 // The operation that the arguments name; null, with the reason, when there is none, or none that help is asked for.
 const Operation *operationOf(const Arguments &arguments, std::string &problem) {
@@ -119,7 +120,7 @@ const Operation *operationOf(const Arguments &arguments, std::string &problem) {
   const bool helpWithNothing =
       operation == all.data() && arguments.count == 2 && find(all, arguments.values[1]) == nullptr;
   if (operation == nullptr || helpWithNothing) {
-    problem = UNKNOWN_OPERATION;
+    problem = std::string(arguments.values[helpWithNothing ? 1 : 0]) + UNKNOWN_OPERATION;
     return nullptr;
   }
   return operation;
@@ -128,7 +129,8 @@ const Operation *operationOf(const Arguments &arguments, std::string &problem) {
 // What the operator is told of an operation's result; nothing of one that is done.
 std::string resultText(const Operation &operation, int32_t status) {
   if (status == DEVSHELL_BAD_ARGUMENTS) {
-    return "usage: " + callOf(operation);
+    const std::string call = callOf(operation);
+    return "usage: " + call + (call.find('<') != std::string::npos ? NUMBER_RANGE : "");
   }
   return status != DEVSHELL_DONE ? std::string(operation.name) + " returned " + std::to_string(status) : "";
 }

@@ -146,20 +146,22 @@ void *run(void *server) {
   }
 }
 
-// The socket's mode is 0600 from its birth: the kernel takes it from the unbound socket, less the umask.
+// The socket's mode is 0600 from its birth: the kernel takes it from the unbound socket, less the umask. It gets its name
+// when it listens: mirelsh removes one that refuses.
 UniqueFd listenAt(const std::string &path) {
+  const std::string unready = path + ".new";
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
-  if (path.size() >= sizeof address.sun_path) {
+  if (unready.size() >= sizeof address.sun_path) {
     errno = ENAMETOOLONG;
     return {};
   }
-  memcpy(address.sun_path, path.c_str(), path.size());
+  memcpy(address.sun_path, unready.c_str(), unready.size());
   UniqueFd fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-  unlink(path.c_str()); // of an earlier process of this number
+  unlink(unready.c_str()); // of an earlier process of this number
   if (!fd || fchmod(fd.get(), S_IRUSR | S_IWUSR) != 0 ||
       bind(fd.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0 ||
-      listen(fd.get(), CONNECTION_QUEUE) != 0) {
+      listen(fd.get(), CONNECTION_QUEUE) != 0 || rename(unready.c_str(), path.c_str()) != 0) {
     return {};
   }
   return fd;

@@ -10,11 +10,14 @@
 #include <cstdio>
 #include <cstring>
 #include <string_view>
+#include <unistd.h>
 
 namespace {
 
 constexpr int EXIT_FAILED = 1;
+constexpr const char *HELP = "help";
 constexpr const char *JSON_WORD = "json"; // by which an operation is asked for JSON, behind its arguments
+constexpr const char *NO_JSON = " has no JSON form";
 
 constexpr char USAGE[] = "usage: mirelsh [--json] <vrf> <operation> [arguments]\n"
                          "       mirelsh [--json] <vrf>           operations from a prompt or standard input\n"
@@ -28,8 +31,13 @@ std::optional<uint32_t> vrfRead(std::string_view text) {
 }
 
 int list() {
+  std::string problem;
+  const std::optional<std::vector<Agent>> agents = agentsFind(problem);
+  if (!agents) {
+    return fail(problem);
+  }
   printf("%8s %10s  %s\n", "PID", "VRF", "COMMAND");
-  for (const Agent &agent : agentsFind()) {
+  for (const Agent &agent : *agents) {
     printf("%8d %10s  %s\n", agent.pid, agent.vrf ? std::to_string(*agent.vrf).c_str() : "-",
            agent.commandLine.c_str());
   }
@@ -45,7 +53,18 @@ std::optional<AgentReply> ask(const Target &target, const std::vector<std::strin
 std::string refusalText(const Target &target, const std::string &name, const AgentReply &reply) {
   const bool noJson = target.json && reply.status == DEVSHELL_BAD_ARGUMENTS &&
                       reply.message.find(std::string("[") + JSON_WORD + "]") == std::string::npos;
-  return noJson ? name + " has no JSON form" : reply.message;
+  return noJson ? name + NO_JSON : reply.message;
+}
+
+// What the operation printed, as it is; only a prompt must not stand behind half a line of it.
+bool outputPrint(const Target &target, const std::string &output) {
+  if (fwrite(output.data(), 1, output.size(), stdout) != output.size()) {
+    return false;
+  }
+  if (target.prompt && !output.empty() && output.back() != '\n') {
+    putchar('\n');
+  }
+  return fflush(stdout) == 0;
 }
 
 } // namespace
@@ -56,8 +75,12 @@ int fail(const std::string &message) {
 }
 
 int operationRun(const Target &target, const std::vector<std::string> &words) {
+  const bool help = words.front() == HELP;
+  if (help && target.json && !target.prompt) {
+    return fail(std::string(HELP) + NO_JSON);
+  }
   std::vector<std::string> request = words;
-  if (target.json && words.front() != "help") {
+  if (target.json && !help) {
     request.emplace_back(JSON_WORD);
   }
   std::string problem;
@@ -65,7 +88,7 @@ int operationRun(const Target &target, const std::vector<std::string> &words) {
   if (!reply) {
     return fail(problem);
   }
-  if (fwrite(reply->output.data(), 1, reply->output.size(), stdout) != reply->output.size() || fflush(stdout) != 0) {
+  if (!outputPrint(target, reply->output)) {
     return fail(std::string("cannot print: ") + strerror(errno));
   }
   return reply->status == DEVSHELL_DONE ? 0 : fail(refusalText(target, words.front(), *reply));
@@ -73,7 +96,7 @@ int operationRun(const Target &target, const std::vector<std::string> &words) {
 
 std::vector<std::string> operationNames(const Target &target) {
   std::string problem;
-  const std::optional<AgentReply> reply = ask(target, {"help"}, problem);
+  const std::optional<AgentReply> reply = ask(target, {HELP}, problem);
   const std::string_view text = reply ? std::string_view(reply->output) : "";
   std::vector<std::string> names;
   for (size_t at = 0; at < text.size(); at = text.find('\n', at) + 1) {
@@ -103,7 +126,7 @@ int main(int argc, char **argv) {
     fputs(USAGE, stderr);
     return EXIT_FAILED;
   }
-  const Target target = {*vrf, json};
+  const Target target = {*vrf, json, words.size() == 1 && isatty(STDIN_FILENO) == 1 && isatty(STDOUT_FILENO) == 1};
   words.erase(words.begin());
   std::string problem;
   if (words.empty() && !agentOfVrf(*vrf, problem)) {

@@ -7,7 +7,8 @@
 
 struct Target {
   uint32_t vrf;
-  bool json; // operations are asked for JSON
+  bool json;   // operations are asked for JSON
+  bool prompt; // somebody types and reads
 };
 
 int fail(const std::string &message); // prints it; the exit status for it

@@ -76,9 +76,7 @@ bool processRuns(int pid) {
   return access(("/proc/" + std::to_string(pid)).c_str(), F_OK) == 0;
 }
 
-} // namespace
-
-UniqueFd agentConnect(const std::string &path) {
+UniqueFd connectTo(const std::string &path, int socketFlags) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   if (path.size() >= sizeof address.sun_path) {
@@ -86,7 +84,7 @@ UniqueFd agentConnect(const std::string &path) {
     return {};
   }
   memcpy(address.sun_path, path.c_str(), path.size());
-  UniqueFd fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+  UniqueFd fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | socketFlags, 0));
   setsockopt(fd.get(), SOL_SOCKET, SO_SNDTIMEO, &CONNECT_TIME, sizeof CONNECT_TIME); // holds for connect and send
   if (!fd || connect(fd.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
     return {};
@@ -94,9 +92,25 @@ UniqueFd agentConnect(const std::string &path) {
   return fd;
 }
 
-std::vector<Agent> agentsFind() {
+// A socket that refuses is a dead process's, also when another process has got its number since. One whose queue is full, or
+// that is not ours to ask, is somebody's.
+bool somebodyListens(const std::string &path) {
+  return connectTo(path, SOCK_NONBLOCK) || errno != ECONNREFUSED;
+}
+
+} // namespace
+
+UniqueFd agentConnect(const std::string &path) {
+  return connectTo(path, 0);
+}
+
+std::optional<std::vector<Agent>> agentsFind(std::string &problem) {
   std::vector<Agent> agents;
   const std::unique_ptr<DIR, int (*)(DIR *)> folder(opendir(devshellDir().c_str()), closedir);
+  if (folder == nullptr && errno != ENOENT) { // without the folder no agent has ever run
+    problem = "cannot look for agents in " + devshellDir() + ": " + strerror(errno);
+    return std::nullopt;
+  }
   while (const dirent *entry = folder ? readdir(folder.get()) : nullptr) {
     constexpr std::string_view SUFFIX = ".sock";
     const std::string_view name(entry->d_name);
@@ -106,10 +120,10 @@ std::vector<Agent> agentsFind() {
       continue;
     }
     std::string path = devshellDir() + "/" + entry->d_name;
-    if (processRuns(*pid)) {
+    if (!somebodyListens(path)) {
+      unlink(path.c_str());
+    } else if (processRuns(*pid)) { // not so where its number counts elsewhere
       agents.push_back(agentOf(*pid, std::move(path)));
-    } else if (!agentConnect(path) && errno == ECONNREFUSED) {
-      unlink(path.c_str()); // nobody listens, not even a process whose number counts elsewhere
     }
   }
   std::sort(agents.begin(), agents.end(), [](const Agent &a, const Agent &b) { return a.pid < b.pid; });
@@ -117,14 +131,20 @@ std::vector<Agent> agentsFind() {
 }
 
 std::optional<Agent> agentOfVrf(uint32_t vrf, std::string &problem) {
-  std::vector<Agent> agents = agentsFind();
-  std::erase_if(agents, [vrf](const Agent &agent) { return agent.vrf != vrf; });
-  if (agents.size() == 1) {
-    return agents.front();
+  std::optional<std::vector<Agent>> agents = agentsFind(problem);
+  if (!agents) {
+    return std::nullopt;
   }
-  problem = agents.empty() ? "no agent runs for VRF " + std::to_string(vrf)
-                           : "several agents run for VRF " + std::to_string(vrf) + ":";
-  for (const Agent &agent : agents) {
+  std::erase_if(*agents, [vrf](const Agent &agent) { return agent.vrf != vrf; });
+  if (agents->size() == 1) {
+    return agents->front();
+  }
+  if (agents->empty()) {
+    problem = "no agent runs for VRF " + std::to_string(vrf);
+    return std::nullopt;
+  }
+  problem = "several agents run for VRF " + std::to_string(vrf) + ", end all but one of the processes";
+  for (const Agent &agent : *agents) {
     problem += " " + std::to_string(agent.pid);
   }
   return std::nullopt;

@@ -15,8 +15,9 @@ struct Agent {
   std::string socketPath;
 };
 
-// In the order of their numbers. Sockets that dead processes left are removed.
-std::vector<Agent> agentsFind();
+// In the order of their numbers; none, with the reason, when they cannot be looked for. Sockets that dead processes left are
+// removed.
+std::optional<std::vector<Agent>> agentsFind(std::string &problem);
 
 // The one agent of the VRF, or why there is none.
 std::optional<Agent> agentOfVrf(uint32_t vrf, std::string &problem);

@@ -9,7 +9,6 @@
 #include <editline/readline.h>
 #include <memory>
 #include <optional>
-#include <unistd.h>
 
 namespace {
 
@@ -53,9 +52,8 @@ char **complete(const char *text, int start, int) {
 class LineReader {
 public:
   explicit LineReader(const Target &target)
-      : terminal_(isatty(STDIN_FILENO) == 1 && isatty(STDOUT_FILENO) == 1),
-        prompt_("mirel " + std::to_string(target.vrf) + "> ") {
-    if (terminal_) {
+      : edits_(target.prompt), prompt_("mirel " + std::to_string(target.vrf) + "> ") {
+    if (edits_) {
       completions = operationNames(target);
       completions.emplace_back("quit");
       rl_readline_name = "mirelsh";
@@ -63,10 +61,8 @@ public:
     }
   }
 
-  bool terminal() const { return terminal_; }
-
   // The next line without its end; none at the end of the input.
-  std::optional<std::string> next() { return terminal_ ? edited() : plain(); }
+  std::optional<std::string> next() { return edits_ ? edited() : plain(); }
 
 private:
   std::optional<std::string> edited() {
@@ -92,7 +88,7 @@ private:
     return byte == EOF && line.empty() ? std::nullopt : std::optional(line);
   }
 
-  bool terminal_;
+  bool edits_;
   std::string prompt_;
 };
 
@@ -111,5 +107,5 @@ int promptRun(const Target &target) {
     }
     status |= operationRun(target, words);
   }
-  return reader.terminal() ? 0 : status; // who types has seen what failed
+  return target.prompt ? 0 : status; // who types has seen what failed
 }

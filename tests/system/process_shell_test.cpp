@@ -117,16 +117,17 @@ TEST(DebugShell, runsAnOperation) {
   const Result refused = mirelsh("3 refuse");
   EXPECT_EQ(refused.status, 1);
   EXPECT_EQ(refused.out, "said before");
-  EXPECT_EQ(refused.err, "mirelsh: usage: refuse <number>\n");
+  EXPECT_EQ(refused.err, "mirelsh: usage: refuse <number>; a number is 0 to 4294967295, decimal or 0x\n");
   EXPECT_EQ(mirelsh("3 fail").status, 1);
 
   const Result unknown = mirelsh("3 nothing");
   EXPECT_EQ(unknown.status, 1);
-  EXPECT_THAT(unknown.err, HasSubstr("unknown operation"));
+  EXPECT_THAT(unknown.err, HasSubstr("nothing: unknown operation"));
   EXPECT_EQ(mirelsh("3 help").out, "help [operation]    the operations, or one of them\narguments <any>...\n"
                                    "refuse <number>     refuses it\nfail\nlines <count>\npid\n");
   EXPECT_EQ(mirelsh("3 help refuse").out, "refuse <number>  refuses it\n");
-  EXPECT_THAT(mirelsh("3 help nothing").err, HasSubstr("unknown operation"));
+  EXPECT_THAT(mirelsh("3 help nothing").err, HasSubstr("nothing: unknown operation"));
+  EXPECT_EQ(mirelsh("--json 3 help").err, "mirelsh: help has no JSON form\n");
   EXPECT_EQ(mirelsh("--json 3 arguments").out, "0=arguments\n1=json\n");
   EXPECT_EQ(mirelsh("3 refuse 1 --json").err, "mirelsh: refuse has no JSON form\n");
   EXPECT_EQ(mirelsh("3 lines 100000").out, expectedLines(100000)) << "more than a socket holds";
@@ -144,13 +145,15 @@ TEST(DebugShell, findsTheAgentOfTheVrf) {
   EXPECT_EQ(mirelsh("7 pid").out, std::to_string(seven.pid()));
   EXPECT_EQ(mirelsh("13 pid").out, std::to_string(thirteen.pid()));
   const std::string stale = "/tmp/qvproc/shell/4194304.sock"; // one above the largest process number
-  shell("touch " + stale);
+  const std::string reused = "/tmp/qvproc/shell/" + std::to_string(getpid()) + ".sock";
+  shell("touch " + stale + " " + reused);
   const Result list = mirelsh("--list");
   for (const Agent *agent : {&three, &seven, &thirteen}) {
     EXPECT_THAT(list.out, HasSubstr(std::to_string(agent->pid())));
   }
   EXPECT_THAT(list.out, HasSubstr("process_shell_agent x-y-13"));
   EXPECT_FALSE(std::filesystem::exists(stale));
+  EXPECT_FALSE(std::filesystem::exists(reused)) << "of a process that ended before this one began";
 
   EXPECT_EQ(mirelsh("4 pid").err, "mirelsh: no agent runs for VRF 4\n");
   for (const char *wrong : {"", "three pid", "-3 pid", "3x pid", "--list 3"}) {
@@ -158,6 +161,14 @@ TEST(DebugShell, findsTheAgentOfTheVrf) {
     EXPECT_EQ(result.status, 1) << wrong;
     EXPECT_THAT(result.err, HasSubstr("usage:")) << wrong;
   }
+  const std::string runDir = getenv("QVPROC_RUN_DIR");
+  setenv("QVPROC_RUN_DIR", "/dev/null", 1);
+  for (const char *line : {"--list", "3 pid"}) {
+    const Result unread = mirelsh(line);
+    EXPECT_EQ(unread.status, 1);
+    EXPECT_EQ(unread.err, "mirelsh: cannot look for agents in /dev/null/shell: Not a directory\n");
+  }
+  setenv("QVPROC_RUN_DIR", runDir.c_str(), 1);
   const Agent again;
   EXPECT_EQ(mirelsh("3 pid").status, 1);
   EXPECT_THAT(mirelsh("3 pid").err, HasSubstr("several agents"));
@@ -258,7 +269,8 @@ TEST(DebugShell, operationsAtTheStart) {
   close(log);
   unsetenv("QVPROC_START_OPERATIONS");
   EXPECT_EQ(fileText(OUTPUT), std::string("0=arguments\n1=one\n2=two\nsaid before0=arguments\n") + READY);
-  EXPECT_THAT(fileText("/tmp/start.log"), HasSubstr(R"(QVPROC_START_OPERATIONS: "nothing": unknown operation)"));
+  EXPECT_THAT(fileText("/tmp/start.log"),
+              HasSubstr(R"(QVPROC_START_OPERATIONS: "nothing": nothing: unknown operation)"));
   EXPECT_THAT(fileText("/tmp/start.log"), HasSubstr(R"(QVPROC_START_OPERATIONS: "refuse 1": usage: refuse <number>)"));
 }
 

@@ -133,6 +133,8 @@ def test_completion_and_the_prompt_on_a_terminal():
     shows(b"mirel 4> ")
     os.write(ours, b"rtoDebugMaskG\t\r")
     shows(b"\n15\r\n")
+    os.write(ours, b"rtoDebugMaskSet 15\r")
+    shows(b"Already Enabled\r\n")
     os.write(ours, b"quit\r")
     assert shell.wait(10) == 0
 

@@ -26,7 +26,7 @@
 namespace {
 
 constexpr int64_t NSEC = 1'000'000'000;
-constexpr int64_t INTERVAL = 2'000'000; // between two neighbours: each finds everyone asleep
+constexpr int64_t INTERVAL = 2'000'000; // between two changes: each finds everyone asleep
 constexpr timeval SILENCE = {.tv_sec = 2, .tv_usec = 0};
 constexpr uint32_t COUNT_MAX = 1000;
 constexpr size_t BUFFER_BYTES = 512;
@@ -123,7 +123,6 @@ struct Answer {
 
 void requestsMake(NeighbourRequest request, uint32_t first, std::vector<Sample> &samples) {
   const UniqueFd fd = socketOpen(0);
-  const bool add = request.header.nlmsg_type == RTM_NEWNEIGH;
   for (uint32_t number = 0; number < samples.size(); ++number) {
     request.address = htonl(first + number);
     request.mac = {2, 0, 0, 1, static_cast<uint8_t>(number >> 8), static_cast<uint8_t>(number)};
@@ -136,10 +135,8 @@ void requestsMake(NeighbourRequest request, uint32_t first, std::vector<Sample> 
     if (answer.result.error != 0) {
       fail("request", -answer.result.error);
     }
-    if (add) {
-      const timespec pause{.tv_sec = 0, .tv_nsec = INTERVAL};
-      nanosleep(&pause, nullptr);
-    }
+    const timespec pause{.tv_sec = 0, .tv_nsec = INTERVAL};
+    nanosleep(&pause, nullptr);
   }
 }
 

@@ -220,7 +220,9 @@ void threadStart(void *(*entry)(void *), const char *failedText) {
 void rtoNetlinkStatsShow(ShowForm form) {
   ShowOutput out(form, ShowOutput::ONE_RECORD);
   for (const CounterRow &row : COUNTERS) {
-    out.row({row.label, row.key, static_cast<int32_t>(row.counter.get())});
+    const uint32_t count = row.counter.get();
+    const int64_t inText = static_cast<int32_t>(count); // the text is a signed number
+    out.row({row.label, row.key, form == ShowForm::JSON ? count : inText});
   }
 }
 

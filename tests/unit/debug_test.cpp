@@ -187,9 +187,11 @@ TEST_F(DebugTest, JsonHoldsWhatTheTextSays) {
 TEST_F(DebugTest, JsonOfAnyNameIsValid) {
   mirelIntIfInfoAllocate();
   const std::unique_ptr<MirelIntIfInfo[]> table(mirelIntIfInfoTable.load());
-  snprintf(table[5].intfName, sizeof table[5].intfName, "%s", "a\"b\\c\n\xff");
+  snprintf(table[5].intfName, sizeof table[5].intfName, "%s",
+           "a\"b\\c\n\xff\xc3\xa9\xf0\x9f\x90\x8e\xc0\xaf\xed\xa0\x80\xf4\x90\x80\x80\xe2\x82");
   EXPECT_EQ(shown("mirelIntIfInfoShow 5 json"),
-            R"({"intIfNum": 5, "intfName": "a\"b\\c\u000a\u00ff", "ipstkIfIndex": 0, "stkIfName": ""})"
+            R"({"intIfNum": 5, "intfName": "a\"b\\c\u000a\u00ffé🐎\u00c0\u00af\u00ed\u00a0\u0080)"
+            R"(\u00f4\u0090\u0080\u0080\u00e2\u0082", "ipstkIfIndex": 0, "stkIfName": ""})"
             "\n");
   mirelIntIfInfoTable = nullptr;
 }

@@ -132,6 +132,9 @@ TEST_F(RtoTaskTest, CountersOfTheOperator) {
             "\nCount of queue drops while queueing to qv-ext-route-task: 5\n"
             "\nCount of invalid routes recieved and discarded: 6\n"
             "\nCount of RTO netlink socket receive errors: 7\n");
+  numExtRouteAdds = UINT32_MAX;
+  EXPECT_THAT(printed([] { scripted::run("rtoNetlinkStatsShow json"); }),
+              testing::HasSubstr("\"numExtRouteAdds\": 4294967295"));
   EXPECT_EQ(printed([] { scripted::run("rtoNetlinkStatsClear"); }), "");
   EXPECT_EQ(counters(), "");
 }

@@ -49,6 +49,10 @@ uint64_t now() {
   return static_cast<uint64_t>(time.tv_sec) * 1'000'000'000 + static_cast<uint64_t>(time.tv_nsec);
 }
 
+// Of the main thread, since its last call into the platform library: counts when another follows, for only what lies between
+// the first and the last is measured.
+uint64_t waiting[AREAS];
+
 // A call of the main thread that none of these functions made itself.
 class Span {
 public:
@@ -61,12 +65,18 @@ public:
       return;
     }
     const uint64_t end = now();
-    shares->spent[area_].fetch_add(end - start_);
-    if (area_ == ORRIN) {
-      uint64_t none = 0;
-      shares->firstCall.compare_exchange_strong(none, start_);
-      shares->lastCall.store(end);
+    if (area_ != ORRIN) {
+      waiting[area_] += end - start_;
+      return;
     }
+    uint64_t none = 0;
+    const bool first = shares->firstCall.compare_exchange_strong(none, start_);
+    for (const Area area : {KERNEL, IDLE}) {
+      shares->spent[area].fetch_add(first ? 0 : waiting[area]);
+      waiting[area] = 0;
+    }
+    shares->spent[ORRIN].fetch_add(end - start_);
+    shares->lastCall.store(end);
   }
 
 private:

@@ -70,9 +70,13 @@ def manuals_are_complete():
 
 
 def test_package_installs_and_works():
+    umask = os.umask(0o077)
     run("cpack", "--config", BUILD / "CPackConfig.cmake", "-B", "/tmp/package", cwd="/tmp")
+    os.umask(umask)
     fresh_root()
     (package,) = pathlib.Path("/tmp/package").glob("*.deb")
+    modes = {line.split()[0] for line in run("dpkg-deb", "--contents", package).splitlines()}
+    assert modes <= {"drwxr-xr-x", "-rwxr-xr-x", "-rw-r--r--"}
     assert "net-tools" in run("dpkg-deb", "--field", package, "Depends")
     (ROOT / "tmp" / "mirel.deb").write_bytes(package.read_bytes())
     inside("dpkg", "--path-include=/usr/share/man/*", "--install", "/tmp/mirel.deb")  # slim images leave manuals out
@@ -92,5 +96,11 @@ def test_package_installs_and_works():
     assert {pathlib.Path(each).name for each in libraries} == {"libqvproc.so", "libtarnapi.so"}
     manuals_are_complete()
 
-    inside("dpkg", "--remove", "mirel")
+    # As on a machine whose service manager does not answer.
+    enabled = ROOT / "etc/systemd/system/multi-user.target.wants/mirel@3.service"
+    inside("systemctl", "enable", "mirel@3")
+    assert enabled.is_symlink()
+    (ROOT / "run/systemd/system").mkdir(parents=True)
+    inside("dpkg", "--purge", "mirel")
+    assert not enabled.is_symlink()
     assert not (ROOT / "usr/lib/mirel").exists() and not (ROOT / "usr/sbin/mirel").exists()

@@ -11,6 +11,7 @@ from measure import Failure, labnet
 
 NEIGHBOURS_MAX = 4096
 HEAD, NEIGHBOUR = struct.Struct("QQ"), struct.Struct("QQ")  # first wait of the loop, count; address, known
+BEGAN = struct.Struct("Q")
 LOOPING_WITHIN = 30
 
 
@@ -44,16 +45,21 @@ class StampedAgent(labnet.Process):
         self.vrf, self.stamps = vrf, Stamps(f"mirel-{vrf.id}")
 
     def start(self):
-        """Returns the seconds from before the fork until the agent waits in its loop."""
+        """Returns the seconds from right before exec() until the agent waits in its loop. Forking Python is not the agent's."""
         environment = {**os.environ, "LD_PRELOAD": str(labnet.BIN / "agent_stamps.so"), "AGENT_STAMPS": str(self.stamps.path)}
         namespace = os.open(f"/run/netns/{self.vrf.name}", os.O_RDONLY | os.O_CLOEXEC)
-        began = time.monotonic_ns()
+        began = mmap.mmap(-1, BEGAN.size)  # shared with the child
+
+        def enter():
+            labnet.enter_netns(namespace)
+            BEGAN.pack_into(began, 0, time.monotonic_ns())
+
         with self.log.open("ab") as out:
             self.child = subprocess.Popen(self.command, stdin=subprocess.DEVNULL, stdout=out, stderr=out, env=environment,
-                                          start_new_session=True, preexec_fn=lambda: labnet.enter_netns(namespace))
+                                          start_new_session=True, preexec_fn=enter)
         os.close(namespace)
         labnet.until(self._loops, LOOPING_WITHIN, lambda: f"{self.name} waits in its loop; it said:\n{self.said()}")
-        return (self.stamps.looping() - began) / 1e9
+        return (self.stamps.looping() - BEGAN.unpack_from(began)[0]) / 1e9
 
     def _loops(self):
         if not self.running():

@@ -33,6 +33,9 @@ struct Threshold {
   unsigned long entries;
 };
 
+// All entries that the kernel holds may go at once, with their link, and each announcement takes a kilobyte of the socket.
+constexpr int RECEIVE_BUFFER = 4 << 20;
+
 // The highest first: the kernel wants them in order at all times.
 constexpr Threshold THRESHOLDS[] = {
     {"/proc/sys/net/ipv4/neigh/default/gc_thresh3", 2000},
@@ -54,6 +57,9 @@ UniqueFd neighbourSocketOpen() {
   if (!sock) {
     perror("cannot open netlink socket");
     exit(EXIT_SUCCESS);
+  }
+  if (setsockopt(sock.get(), SOL_SOCKET, SO_RCVBUFFORCE, &RECEIVE_BUFFER, sizeof RECEIVE_BUFFER) != 0) {
+    setsockopt(sock.get(), SOL_SOCKET, SO_RCVBUF, &RECEIVE_BUFFER, sizeof RECEIVE_BUFFER);
   }
   netlinkOtherNeighboursDrop(sock.get());
   sockaddr_nl local{};

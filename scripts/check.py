@@ -28,6 +28,7 @@ SANITIZERS = ["asan-ubsan", "tsan"]
 UNSANITIZED = ["tests/system/test_selftest.py",  # limits its address space, of which a sanitizer needs all
                "tests/system/test_faults.py",  # the same
                "tests/system/test_bench.py",  # measures
+               "tests/system/test_lab.py",  # looks at the same as the other tests
                "tests/system/test_package.py"]  # packages what was built
 
 
@@ -111,7 +112,7 @@ def test(preset):
                        "--timeout", str(TEST_TIMEOUT), "--output-junit", str(report)], report, **environment)
     report = LOGS / f"{preset}-system-tests.xml"
     system = run_tests(f"{preset}-system-tests",
-                       [*prefix, "/usr/bin/python3", "-m", "pytest", "-q", "-p", "no:cacheprovider",
+                       [*prefix, "/usr/bin/python3", "-m", "pytest", "-q", "-p", "no:cacheprovider", "-n", str(os.cpu_count()),
                         f"--junit-xml={report}", *unsanitized(preset), "tests/system"], report, **environment)
     return Tally(total.passed + system.passed, total.failed + system.failed)
 

@@ -73,14 +73,7 @@ class Others:
 
 def soak(seconds, seed, say):
     dice = random.Random(seed)
-    vrfs = [walk.make_vrf(3, "blue"), walk.make_vrf(4, "red")]
-    script = [line for vrf in vrfs for line in (*labnet.vrf_script(vrf, walk.LINKS), f"vrf set {vrf.id} routing on")]
-    switch = labnet.Switch(["keepalive period 1", "event timeout 10", *script])
-    switch.start()
-    agents = [labnet.Agent(vrf) for vrf in vrfs]
-    for agent in agents:
-        agent.start()
-        agent.quick()
+    vrfs, switch, agents = walk.start_two()
     steps, others = walk.Walk(vrfs, dice), Others(vrfs, switch, dice)
     steps.kinds = [(kind, weight) for kind, weight in steps.kinds if kind != steps.routing_switch]
     began, changes, warm, reported = time.monotonic(), 0, None, 0

@@ -160,8 +160,8 @@ class Blows:
         return " and ".join(process.name for process in victims)
 
 
-def walk(changes, seed, say):
-    dice = random.Random(seed)
+def start_two():
+    """Two VRFs, the switch and their agents."""
     vrfs = [make_vrf(3, "blue"), make_vrf(4, "red")]
     script = [line for vrf in vrfs for line in (*labnet.vrf_script(vrf, LINKS), f"vrf set {vrf.id} routing on")]
     switch = labnet.Switch(["keepalive period 1", "event timeout 10", *script])
@@ -170,6 +170,12 @@ def walk(changes, seed, say):
     for agent in agents:
         agent.start()
         agent.quick()
+    return vrfs, switch, agents
+
+
+def walk(changes, seed, say):
+    dice = random.Random(seed)
+    vrfs, switch, agents = start_two()
     steps, blows = Walk(vrfs, dice), Blows(switch, agents, dice)
     down, back_at = [], 0
     for number in range(1, changes + 1):

@@ -253,8 +253,6 @@ def switch_table_full(system):
 def overrun(system, what):
     """So much happens while the agent is stopped that no socket buffer holds it."""
     system.agent.child.send_signal(signal.SIGSTOP)
-    stopped = agent_process(system)
-    os.kill(stopped, signal.SIGSTOP)
     raw = labnet.in_netns(system.vrf.name, labnet.BIN / "route_raw")
     try:
         if what == "routes":
@@ -266,8 +264,7 @@ def overrun(system, what):
             system.switch.script_in(f"interface set {interface} mtu {1300 + n % 100}" for n in range(1000)
                                     for interface in system.interfaces)
     finally:
-        for process in (stopped, system.agent.pid):
-            os.kill(process, signal.SIGCONT)
+        system.agent.child.send_signal(signal.SIGCONT)
     if what == "routes":
         time.sleep(3)
         labnet.run(*raw, "del", "60.0.0.0/24", BURST, "via", "10.1.0.2", "dev", "rt1", "proto", 4)
@@ -277,13 +274,8 @@ def overrun(system, what):
     return "the switch keeps what the agent does not take" if what == "events" else "entries are asked for when they are used"
 
 
-def agent_process(system):
-    """`ip netns exec` becomes the agent, so it is the same process."""
-    return system.agent.pid
-
-
 def memory_limited(system):
-    pid = agent_process(system)
+    pid = system.agent.pid
     used = int(re.search(r"VmSize:\s+(\d+)", pathlib.Path(f"/proc/{pid}/status").read_text())[1]) * 1024
     resource.prlimit(pid, resource.RLIMIT_AS, (used, resource.RLIM_INFINITY))
     try:

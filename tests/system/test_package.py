@@ -39,13 +39,17 @@ def fresh_root():
     run("mount", "--rbind", "/dev", ROOT / "dev")
 
 
+# Nothing of the sandbox's own: the build lies below the new root too, and its programs must not be found there.
+ENVIRONMENT = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL": "C.UTF-8"}
+
+
 def inside(*command, **options):
-    environment = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL": "C.UTF-8"}
-    return run("chroot", ROOT, *command, env=environment, **options)
+    return run("chroot", ROOT, *command, env=ENVIRONMENT, **options)
 
 
 def in_background(name, *command):
-    process = labnet.Process(name, ["chroot", ROOT, *command])
+    environment = [f"{variable}={value}" for variable, value in ENVIRONMENT.items()]
+    process = labnet.Process(name, ["chroot", ROOT, "env", "-i", *environment, *command])
     process.start()
     return process
 

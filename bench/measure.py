@@ -94,6 +94,12 @@ def processor_seconds(pid):
     return sum(int((task / "schedstat").read_text().split()[0]) for task in tasks) / 1e9
 
 
+def pin(process, processors):
+    """All its threads; what it starts from then on follows them."""
+    for task in pathlib.Path(f"/proc/{process.pid}/task").iterdir():
+        os.sched_setaffinity(int(task.name), processors)
+
+
 # Running a bench -----------------------------------------------------------------------------------------------------
 
 

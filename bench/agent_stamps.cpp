@@ -1,6 +1,7 @@
 // Loaded in front of an agent's libraries by bench/agent and bench/neighbours: notes when the main thread first waits in its
-// loop, and for each kernel neighbour when the switch had taken it, which is when the platform call returns. The notes stand in
-// the file that AGENT_STAMPS names, for the bench to read. Written by the main thread alone.
+// loop, how long the shell commands of its start took, and for each kernel neighbour when the switch had taken it, which is when
+// the platform call returns. The notes stand in the file that AGENT_STAMPS names, for the bench to read. Written by the main
+// thread alone.
 
 #include "tarnapi.h"
 
@@ -26,12 +27,14 @@ struct NeighbourStamp {
 // As the benches read it; nanoseconds of the monotonic clock, 0 = has not happened.
 struct Stamps {
   std::atomic<uint64_t> looping;
+  std::atomic<uint64_t> inShells;
   std::atomic<uint64_t> neighbourCount;
   NeighbourStamp neighbours[NEIGHBOURS_MAX];
 };
 
 Stamps *stamps = [] {
   static Stamps nowhere;
+  unsetenv("LD_PRELOAD"); // the shells that the agent starts would take longer with it
   const char *path = getenv("AGENT_STAMPS");
   const int fd = path != nullptr ? open(path, O_RDWR | O_CLOEXEC) : -1;
   void *mapped = fd >= 0 ? mmap(nullptr, sizeof(Stamps), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0) : MAP_FAILED;
@@ -57,6 +60,14 @@ extern "C" [[gnu::visibility("default")]] int select(int count, fd_set *in, fd_s
     stamps->looping.store(now());
   }
   return real(count, in, out, except, patience);
+}
+
+extern "C" [[gnu::visibility("default")]] int system(const char *command) {
+  static const auto real = reinterpret_cast<decltype(&system)>(dlsym(RTLD_NEXT, "system"));
+  const uint64_t began = now();
+  const int status = real(command);
+  stamps->inShells.store(stamps->inShells.load() + now() - began);
+  return status;
 }
 
 extern "C" int32_t rpcclt_tarnapiKernelArpAdd(tarnapiClient *client, uint32_t vrfId, const InetAddr *addr,

@@ -10,7 +10,8 @@ import time
 from measure import Failure, labnet
 
 NEIGHBOURS_MAX = 4096
-HEAD, NEIGHBOUR = struct.Struct("QQ"), struct.Struct("QQ")  # first wait of the loop, count; address, known
+HEAD, NEIGHBOUR = struct.Struct("QQQ"), struct.Struct("QQ")  # first wait of the loop, time in shells, count; address, known
+COUNT_AT = 16
 BEGAN = struct.Struct("Q")
 LOOPING_WITHIN = 30
 
@@ -25,16 +26,20 @@ class Stamps:
     def looping(self):
         return HEAD.unpack_from(self.memory)[0]
 
+    def in_shells(self):
+        """Seconds."""
+        return HEAD.unpack_from(self.memory)[1] / 1e9
+
     def neighbours(self):
         """Address -> when the switch had it, nanoseconds of the monotonic clock; of each the first time."""
         known = {}
-        for place in range(HEAD.unpack_from(self.memory)[1]):
+        for place in range(HEAD.unpack_from(self.memory)[2]):
             address, when = NEIGHBOUR.unpack_from(self.memory, HEAD.size + place * NEIGHBOUR.size)
             known.setdefault(address, when)
         return known
 
     def forget_neighbours(self):
-        struct.pack_into("Q", self.memory, 8, 0)
+        struct.pack_into("Q", self.memory, COUNT_AT, 0)
 
 
 class StampedAgent(labnet.Process):

@@ -1,11 +1,13 @@
 // Asking other namespaces. Used by orrin's one thread, which enters a namespace only to make a socket in it and is back before
 // anything else happens. Nothing is kept open: a namespace that is removed must be gone, and another may come under its name.
+// What was found is believed for a second, since neighbours and routes come in bursts and each asks for the same few devices.
 
 #include "netns.h"
 
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <map>
 #include <net/if.h>
 #include <sched.h>
 #include <sys/ioctl.h>
@@ -44,6 +46,49 @@ UniqueFd socketIn(const Vrf &vrf) {
   return made;
 }
 
+constexpr uint64_t BELIEVED_MS = 1000;
+constexpr size_t BELIEVED_MAX = 1024; // all are forgotten when there are more
+
+template <class Key, class Value> class Believed {
+public:
+  const Value *find(const Key &key) const {
+    const auto entry = entries_.find(key);
+    return entry != entries_.end() && nowMs() < entry->second.untilMs ? &entry->second.value : nullptr;
+  }
+
+  void note(const Key &key, Value value) {
+    if (entries_.size() >= BELIEVED_MAX) {
+      entries_.clear();
+    }
+    entries_[key] = {std::move(value), nowMs() + BELIEVED_MS};
+  }
+
+private:
+  struct Entry {
+    Value value;
+    uint64_t untilMs;
+  };
+  std::map<Key, Entry> entries_;
+};
+
+struct Namespace {
+  uint32_t vrf;
+  std::string path;
+};
+
+Believed<std::pair<std::string, uint32_t>, std::string> deviceNames; // by path of the namespace and index
+Believed<uint32_t, Namespace> namespacesOfProcesses;
+
+std::string deviceNameAsk(const Vrf &vrf, uint32_t index) {
+  ifreq request{};
+  const UniqueFd fd = socketIn(vrf);
+  request.ifr_ifindex = static_cast<int>(index);
+  if (!fd || ioctl(fd.get(), SIOCGIFNAME, &request) != 0) {
+    return {};
+  }
+  return {request.ifr_name, strnlen(request.ifr_name, sizeof request.ifr_name)};
+}
+
 } // namespace
 
 uint32_t deviceIndexIn(const Vrf &vrf, const std::string &device) {
@@ -57,16 +102,24 @@ uint32_t deviceIndexIn(const Vrf &vrf, const std::string &device) {
 }
 
 std::string deviceNameIn(const Vrf &vrf, uint32_t index) {
-  ifreq request{};
-  const UniqueFd fd = socketIn(vrf);
-  request.ifr_ifindex = static_cast<int>(index);
-  if (!fd || ioctl(fd.get(), SIOCGIFNAME, &request) != 0) {
-    return {};
+  const std::pair key{pathOf(vrf), index};
+  if (const std::string *name = deviceNames.find(key)) {
+    return *name;
   }
-  return {request.ifr_name, strnlen(request.ifr_name, sizeof request.ifr_name)};
+  std::string name = deviceNameAsk(vrf, index);
+  if (!name.empty()) {
+    deviceNames.note(key, name);
+  }
+  return name;
 }
 
 const Vrf *vrfOfProcess(const Switch &sw, uint32_t process) {
+  if (const Namespace *known = namespacesOfProcesses.find(process)) {
+    const auto vrf = sw.vrfs.find(known->vrf);
+    if (vrf != sw.vrfs.end() && pathOf(vrf->second) == known->path) {
+      return &vrf->second;
+    }
+  }
   struct stat wanted {};
   if (stat(("/proc/" + std::to_string(process) + "/ns/net").c_str(), &wanted) != 0) {
     return nullptr;
@@ -76,6 +129,7 @@ const Vrf *vrfOfProcess(const Switch &sw, uint32_t process) {
     struct stat status {};
     if (!path.empty() && stat(path.c_str(), &status) == 0 && status.st_dev == wanted.st_dev &&
         status.st_ino == wanted.st_ino) {
+      namespacesOfProcesses.note(process, {id, path});
       return &vrf;
     }
   }

@@ -283,7 +283,8 @@ constexpr std::array<Handler, tarnwire::OP_COUNT> HANDLER_OF = handlersByOp();
 } // namespace
 
 void answerRequest(Switch &sw, const tarnwire::Request &request, const RequestContext &context, Answer &answer) {
-  answer.reply.result = HANDLER_OF[request.op](Call{sw, request.args, context, answer});
+  const bool whole = request.op < tarnwire::OP_COUNT && context.tail.size() <= tarnwire::OPS[request.op].tailMax;
+  answer.reply.result = whole ? HANDLER_OF[request.op](Call{sw, request.args, context, answer}) : int32_t{TARN_INVALID};
 }
 
 } // namespace orrin

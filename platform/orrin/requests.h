@@ -20,7 +20,7 @@ struct Answer {
   std::string tail;
 };
 
-// Carries out one request whose op and tail length were checked.
+// Carries out one request; TARN_INVALID for an op that there is not, or with more behind it than its op may have.
 void answerRequest(Switch &sw, const tarnwire::Request &request, const RequestContext &context, Answer &answer);
 
 } // namespace orrin

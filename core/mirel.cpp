@@ -43,7 +43,7 @@ enum ExitStatus { EXIT_FATAL = 0, EXIT_USAGE = 1, EXIT_NO_PLATFORM = 2 };
 void standardDescriptorsOpen() {
   int fd;
   do {
-    fd = open("/dev/null", O_RDWR); // kept over exec: the shell commands that the agent runs need them as much
+    fd = open("/dev/null", O_RDWR); // NOLINT(android-cloexec-open): what the agent runs needs them as much
   } while (fd >= 0 && fd <= STDERR_FILENO);
   if (fd > STDERR_FILENO) {
     close(fd);

@@ -117,7 +117,7 @@ bool enqueueMirel(MirelQueue *queue, IntfBestRouteCursor *item) {
   if (link == nullptr) {
     return false;
   }
-  (queue->tail != nullptr ? queue->tail->next : queue->head) = link;
+  (queue->head == nullptr ? queue->head : queue->tail->next) = link;
   queue->tail = link;
   ++queue->count;
   MIREL_TRACE(TRACE_GENERAL, OPERATION, "Successfully enqueued to Mirel Queue.\n");

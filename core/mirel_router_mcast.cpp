@@ -30,7 +30,7 @@ struct GroupText {
   char text[INET_ADDRSTRLEN];
 
   explicit GroupText(uint32_t group) {
-    snprintf(text, sizeof text, "%d.%d.%d.%d", group >> 24, group >> 16 & 0xFF, group >> 8 & 0xFF, group & 0xFF);
+    snprintf(text, sizeof text, "%u.%u.%u.%u", group >> 24, group >> 16 & 0xFF, group >> 8 & 0xFF, group & 0xFF);
   }
 };
 

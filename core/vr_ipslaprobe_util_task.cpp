@@ -18,6 +18,7 @@
 #include <optional>
 #include <sys/select.h>
 #include <sys/socket.h>
+#include <tuple>
 
 namespace {
 
@@ -47,7 +48,7 @@ timeval timeOfDay() {
 }
 
 bool before(const timeval &left, const timeval &right) {
-  return timercmp(&left, &right, <);
+  return std::tie(left.tv_sec, left.tv_usec) < std::tie(right.tv_sec, right.tv_usec);
 }
 
 template <typename Action> void forRunningSessions(Action action) {

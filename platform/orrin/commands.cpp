@@ -44,11 +44,6 @@ const Command *findCommand(Words &words, std::string &out) {
 
 } // namespace
 
-bool refuse(std::string &out, std::string text) {
-  out = std::move(text);
-  return false;
-}
-
 std::string notTheWord(std::string_view word, std::string_view wanted) {
   std::string text(wanted);
   return word.empty() ? text + " missing" : text + " expected, not \"" + std::string(word) + "\"";

@@ -68,7 +68,11 @@ std::span<const Command> clientCommands();
 std::string agentRefusal(uint32_t vrf, const AgentReply &reply);
 
 // For handlers: a refusal with its reason, and words that several of them read.
-bool refuse(std::string &out, std::string text);
+inline bool refuse(std::string &out, std::string text) {
+  out = std::move(text);
+  return false;
+}
+
 std::string notTheWord(std::string_view word, std::string_view wanted);
 // One of two words: `value` is true for the first.
 bool takeEither(Words &words, std::string_view yes, std::string_view no, bool &value, std::string &out);

@@ -80,7 +80,7 @@ bool ipSlaStart(Switch &sw, Words &words, std::string &out, OutcomeTaker answer)
                   answer = std::move(answer)](const AgentReply &reply) {
                    Vrf *vrf = findVrf(sw, id);
                    std::string refusal = vrf != nullptr ? agentRefusal(id, reply) : "the VRF has been removed";
-                   if (!refusal.empty()) {
+                   if (vrf == nullptr || !refusal.empty()) {
                      answer({false, false, std::move(refusal)});
                      return;
                    }

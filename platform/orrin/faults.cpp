@@ -37,22 +37,4 @@ std::optional<tarnwire::Op> opNamed(std::string_view name) {
   return std::nullopt;
 }
 
-std::string faultLine(tarnwire::Op op, const Fault &fault) {
-  std::string line = "fault set ";
-  line += shortName(tarnwire::OPS[op].function);
-  if (fault.result) {
-    line += " result " + std::to_string(*fault.result);
-  }
-  if (fault.delayMs != 0) {
-    appendNumber(line += " delay ", fault.delayMs);
-  }
-  if (fault.drop) {
-    line += " drop";
-  }
-  if (fault.times != 0) {
-    appendNumber(line += " times ", fault.times);
-  }
-  return line;
-}
-
 } // namespace orrin

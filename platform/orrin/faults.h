@@ -34,7 +34,4 @@ private:
 // A call by its function's name, "rpcclt_" or "rpcclt_tarnapi" left out or not.
 std::optional<tarnwire::Op> opNamed(std::string_view name);
 
-// "fault set <call> ..." without line end.
-std::string faultLine(tarnwire::Op op, const Fault &fault);
-
 } // namespace orrin

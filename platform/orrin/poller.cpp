@@ -29,10 +29,6 @@ void Poller::change(int fd, uint32_t events, Watched kind, uint32_t number) {
   epoll_ctl(epoll_.get(), EPOLL_CTL_MOD, fd, &event);
 }
 
-void Poller::forget(int fd) {
-  epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, fd, nullptr);
-}
-
 std::span<const Poller::Event> Poller::wait(int milliseconds) {
   epoll_event raw[BATCH];
   const int count = epoll_wait(epoll_.get(), raw, BATCH, milliseconds);

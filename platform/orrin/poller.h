@@ -35,7 +35,6 @@ public:
   // events 0 reports only a hang-up.
   bool watch(int fd, uint32_t events, Watched kind, uint32_t number = 0);
   void change(int fd, uint32_t events, Watched kind, uint32_t number = 0);
-  void forget(int fd);
 
   // Waits at most so long; the events are valid until the next call.
   std::span<const Event> wait(int milliseconds);
@@ -44,7 +43,7 @@ private:
   static constexpr int BATCH = 64;
 
   UniqueFd epoll_;
-  Event events_[BATCH];
+  Event events_[BATCH]{};
 };
 
 } // namespace orrin

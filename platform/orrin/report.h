@@ -29,7 +29,6 @@ public:
   void yesNo(bool cell);
   // For the row's last column: text for the table, JSON for the other form.
   void custom(std::string_view table, std::string_view json);
-  bool json() const { return json_; }
 
 private:
   void put(std::string_view cell, bool quoted);

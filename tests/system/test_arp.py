@@ -130,7 +130,8 @@ def test_a_question_of_the_kernel_is_answered_by_the_switch():
     while not (is_of(frame := frames.recv(65536), ETH_P_IP) and frame[30:34] == socket.inet_aton(UNKNOWN_HOST)):
         assert not is_arp_request(frame, UNKNOWN_HOST), "the kernel asked the link before the switch"
     assert frame[:6].hex(":") == NOBODY
-    assert (counter(agent, "Arp Reqs"), counter(agent, "Arp Resolves")) == (asked + 1, resolved + 1)
+    until(lambda: (counter(agent, "Arp Reqs"), counter(agent, "Arp Resolves")) == (asked + 1, resolved + 1), 5,
+          "both are counted, the answer after the packet has left")
     assert on_switch(system)[UNKNOWN_HOST] == ("switch", NOBODY, "rt1")
 
     # Nobody knows this one: user space is asked first, then the link, and nothing stands in the way.
@@ -139,6 +140,20 @@ def test_a_question_of_the_kernel_is_answered_by_the_switch():
         pass
     assert counter(agent, "Arp Req Errors") == 0
     until_all_mirrored(blue)
+
+
+def test_an_entry_asked_for_is_in_the_kernel_and_nowhere_else():
+    system = labnet.start_system()
+    blue, agent = system.vrfs[0], system.agents[0]
+    entry = f"arp add vrf 3 {UNKNOWN_HOST} mac {NOBODY} interface".split()
+    system.switch.ctl(*entry, 301)
+    assert in_kernel(blue, UNKNOWN_HOST) == NOBODY
+    refused = labnet.orrinctl(*entry, 999)
+    assert refused.returncode == 1 and "the agent of VRF 3 refused it" in refused.stderr
+    agent.kill()
+    gone = labnet.orrinctl(*entry, 301)
+    assert gone.returncode == 1 and "the agent of VRF 3" in gone.stderr
+    assert "arp" not in system.switch.ctl("dump")
 
 
 def test_no_echo_of_what_the_agent_writes():

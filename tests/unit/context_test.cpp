@@ -1,5 +1,9 @@
 #include "core_test.h"
+#include "kernel_setting.h"
 #include "mirel_restart.h"
+
+#include <filesystem>
+#include <fstream>
 
 namespace {
 
@@ -28,6 +32,27 @@ TEST_F(ContextTest, VrfIdDiffers) {
   EXPECT_EQ(mirelVrfIdGet(), 3u);
   EXPECT_EQ(mirelVrfIdDiffers(3), 0);
   EXPECT_EQ(mirelVrfIdDiffers(0), 1);
+}
+
+TEST_F(ContextTest, KernelSettingsAreRaisedOrWrittenButNeverMade) {
+  const std::string path = "/tmp/setting";
+  const auto text = [&] {
+    std::ifstream file(path);
+    return std::string(std::istreambuf_iterator<char>(file), {});
+  };
+  kernelSettingRaise(path.c_str(), 5);
+  EXPECT_NE(mirelProcFileWrite(path.c_str(), "5"), 0);
+  EXPECT_FALSE(std::filesystem::exists(path));
+  const struct {
+    const char *before, *raised;
+  } CASES[] = {{"4\n", "5\n"}, {"5\n", "5\n"}, {"1024\n", "1024\n"}, {"max\n", "max\n"}};
+  for (const auto &row : CASES) {
+    std::ofstream(path) << row.before;
+    kernelSettingRaise(path.c_str(), 5);
+    EXPECT_EQ(text(), row.raised) << row.before;
+  }
+  EXPECT_EQ(mirelProcFileWrite(path.c_str(), "2000"), 0);
+  EXPECT_EQ(text().substr(0, 4), "2000");
 }
 
 TEST_F(ContextTest, SyncDbEventIsOnlyPrinted) {

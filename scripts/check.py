@@ -1,25 +1,20 @@
 #!/usr/bin/python3
 """Builds the release and the sanitizer configurations and runs every test in each, replays and fuzzes the fuzz targets, then
-counts the tests of all runners on one last line.
-
-A test that was skipped, disabled or could not be started counts as failed, and so does a build that breaks and a
-stage that ran no test at all: silence must never look like success.
+counts the tests of all runners on one last line. With --all, more of each and the linters; with --coverage, the lines reached.
 """
 
 import argparse
 import os
-import pathlib
 import shutil
 import subprocess
 import sys
 import time
-import xml.etree.ElementTree as ElementTree
 from concurrent.futures import ThreadPoolExecutor
-from dataclasses import dataclass
 
-ROOT = pathlib.Path(__file__).resolve().parent.parent
-LOGS = ROOT / "build" / "check"
-STEP_TIMEOUT = 900
+import coverage
+import lint
+from step import LOGS, ROOT, Tally, build, run, run_tests, unrandomised
+
 TEST_TIMEOUT = 120
 FUZZ_SEED = 1
 FUZZ_SECONDS = 3  # a target
@@ -30,82 +25,21 @@ UNSANITIZED = ["tests/system/test_selftest.py",  # limits its address space, of 
                "tests/system/test_bench.py",  # measures
                "tests/system/test_lab.py",  # looks at the same as the other tests
                "tests/system/test_package.py"]  # packages what was built
+UNCOUNTED = ["tests/system/test_package.py"]  # runs the programs with an environment of its own
 
 
-@dataclass
-class Tally:
-    passed: int = 0
-    failed: int = 0
-
-    def __str__(self):
-        return f"{self.passed} passed, {self.failed} failed"
+def left_out(preset):
+    tests = UNSANITIZED if preset in SANITIZERS else UNCOUNTED if preset == coverage.PRESET else []
+    return [f"--ignore={test}" for test in tests]
 
 
-def run(name, command, **environment):
-    """Runs one step with its output in a log file, shown only when the step fails."""
-    log = LOGS / f"{name}.log"
-    started = time.monotonic()
-    with log.open("wb") as out:
-        try:
-            status = subprocess.run(command, cwd=ROOT, stdin=subprocess.DEVNULL, stdout=out, stderr=out,
-                                    env={**os.environ, **environment}, timeout=STEP_TIMEOUT).returncode
-        except subprocess.TimeoutExpired:
-            status = 124
-            out.write(f"\nended: longer than {STEP_TIMEOUT} s\n".encode())
-    print(f"  {name:<20} {'ok' if status == 0 else 'FAILED'}  {time.monotonic() - started:.0f} s", flush=True)
-    if status != 0:
-        sys.stdout.write(log.read_text(errors="replace"))
-        sys.stdout.flush()
-    return status == 0
-
-
-def count(report):
-    tally = Tally()
-    if not report.exists():
-        return tally
-    for case in ElementTree.parse(report).iter("testcase"):
-        marks = {child.tag for child in case}
-        good = case.get("status", "run") == "run" and not marks & {"failure", "error", "skipped"}
-        if good:
-            tally.passed += 1
-        else:
-            tally.failed += 1
-    return tally
-
-
-def run_tests(name, command, report, **environment):
-    report.unlink(missing_ok=True)
-    good = run(name, command, **environment)
-    tally = count(report)
-    if tally.failed == 0 and (not good or tally.passed == 0):
-        print(f"  {name}: no test ran" if good else f"  {name}: the runner itself failed")
-        tally.failed = 1
-    return tally
-
-
-def unrandomised():
-    """The thread sanitizer of older compilers does not bear the address randomisation of newer kernels."""
-    prefix = ["setarch", "-R"]
-    works = subprocess.run(prefix + ["true"], capture_output=True).returncode == 0
-    return prefix if works else []
-
-
-def unsanitized(preset):
-    return [f"--ignore={test}" for test in UNSANITIZED if preset in SANITIZERS]
-
-
-def build(preset, prefix):
-    return run(f"{preset}-configure", [*prefix, "cmake", "--preset", preset]) and \
-        run(f"{preset}-build", [*prefix, "cmake", "--build", "--preset", preset])
-
-
-def test(preset):
+def test(preset, **environment):
     """Every test of one configuration: ctest runs those in C++, pytest those of the whole system."""
     prefix = unrandomised() if preset == "tsan" else []
     if not build(preset, prefix):
         return Tally(failed=1)
     # A report of the thread sanitizer must end the process, or nobody looks at it.
-    environment = {"TSAN_OPTIONS": "halt_on_error=1", "MIREL_BIN": str(ROOT / "build" / preset / "bin")}
+    environment |= {"TSAN_OPTIONS": "halt_on_error=1", "MIREL_BIN": str(ROOT / "build" / preset / "bin")}
     report = LOGS / f"{preset}-tests.xml"
     total = run_tests(f"{preset}-tests",
                       [*prefix, "ctest", "--test-dir", f"build/{preset}", "--output-on-failure",
@@ -113,7 +47,7 @@ def test(preset):
     report = LOGS / f"{preset}-system-tests.xml"
     system = run_tests(f"{preset}-system-tests",
                        [*prefix, "/usr/bin/python3", "-m", "pytest", "-q", "-p", "no:cacheprovider", "-n", str(os.cpu_count()),
-                        f"--junit-xml={report}", *unsanitized(preset), "tests/system"], report, **environment)
+                        f"--junit-xml={report}", *left_out(preset), "tests/system"], report, **environment)
     return Tally(total.passed + system.passed, total.failed + system.failed)
 
 
@@ -141,7 +75,21 @@ def fuzz(seconds):
     return Tally(passed, len(targets | built) - passed)
 
 
-def stages(everything):
+def count_lines():
+    tests = test(coverage.PRESET, **coverage.environment())
+    found = coverage.report()
+    return Tally(tests.passed + found.passed, tests.failed + found.failed)
+
+
+def stages(options):
+    if options.coverage:
+        yield "coverage", count_lines
+    if options.coverage and not options.all:
+        return
+    everything = options.all
+    if everything:  # first what is soonest done
+        yield "clang-tidy", lint.clang_tidy
+        yield "cppcheck", lint.cppcheck
     for preset in ["release", *SANITIZERS] + (["clang"] if everything else []):
         yield preset, lambda preset=preset: test(preset)
     yield "fuzz", lambda: fuzz(FUZZ_SECONDS_ALL if everything else FUZZ_SECONDS)
@@ -149,13 +97,14 @@ def stages(everything):
 
 def main():
     parser = argparse.ArgumentParser(description="build and test everything")
-    parser.add_argument("--all", action="store_true", help="also build and test with clang, and fuzz for longer")
+    parser.add_argument("--all", action="store_true", help="also clang-tidy, cppcheck and the clang build, and longer fuzzing")
+    parser.add_argument("--coverage", action="store_true", help="instead, or with --all before: the lines that the tests reach")
     options = parser.parse_args()
 
     LOGS.mkdir(parents=True, exist_ok=True)
     total = Tally()
     results = []
-    for stage, carry_out in stages(options.all):
+    for stage, carry_out in stages(options):
         print(f"{stage}:", flush=True)
         started = time.monotonic()
         tally = carry_out()

@@ -292,6 +292,26 @@ def memory_limited(system):
     return True
 
 
+def descriptors_limited(system):
+    """No socket and no file can be opened."""
+    pid = system.agent.pid
+    before = resource.prlimit(pid, resource.RLIMIT_NOFILE)
+    held = {int(name) for name in os.listdir(f"/proc/{pid}/fd")}
+    resource.prlimit(pid, resource.RLIMIT_NOFILE, (min(set(range(len(held) + 1)) - held), before[1]))
+    try:
+        for number in range(1, 11):
+            labnet.orrinctl(*f"ipsla start vrf 3 {number} to 10.1.0.2 frequency 1".split())
+        for _ in range(3):
+            system.change()
+        time.sleep(1)
+    finally:
+        if system.agent.running():
+            resource.prlimit(pid, resource.RLIMIT_NOFILE, before)
+    for number in range(1, 11):
+        labnet.orrinctl(*f"ipsla stop vrf 3 {number}".split())
+    return True
+
+
 def output_blocked(system):
     """Nobody reads its standard output, which is full; nothing is traced, so nothing may be written there."""
     system.trace = lambda: None
@@ -359,7 +379,7 @@ def all_faults():
     rows += [(call_fails, call, code, how) for call in (*START_CALLS, *RUN_CALLS) for code in CODES
              for how in (ONCE, FOR_A_WHILE)]
     rows += [(device_gone, how) for how in ("deleted", "renamed", "down")]
-    rows += [(gateway_refused,), (switch_table_full,), (memory_limited,), (output_blocked,)]
+    rows += [(gateway_refused,), (switch_table_full,), (memory_limited,), (descriptors_limited,), (output_blocked,)]
     rows += [(overrun, what) for what in ("routes", "neighbours", "events")]
     rows += [(clock_set, seconds) for seconds in (-86400, 1, 3600, 86400 * 365)]
     return rows

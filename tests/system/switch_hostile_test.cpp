@@ -8,9 +8,11 @@
 #include <algorithm>
 #include <csignal>
 #include <cstring>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -116,6 +118,35 @@ TEST_F(SwitchHostile, CommandLinesWithoutEndCostTheirConnection) {
   char byte;
   EXPECT_LE(recv(fd.get(), &byte, 1, MSG_DONTWAIT), 0);
   stillServes();
+}
+
+TEST_F(SwitchHostile, WithoutDescriptorsNewcomersWaitAndNobodySpins) {
+  const UniqueFd served = dialApi();
+  ucred peer{};
+  socklen_t length = sizeof peer;
+  ASSERT_EQ(getsockopt(served.get(), SOL_SOCKET, SO_PEERCRED, &peer, &length), 0);
+  rlim_t lowestFree = 0;
+  while (std::filesystem::is_symlink("/proc/" + std::to_string(peer.pid) + "/fd/" + std::to_string(lowestFree))) {
+    ++lowestFree;
+  }
+  rlimit before{};
+  ASSERT_EQ(prlimit(peer.pid, RLIMIT_NOFILE, nullptr, &before), 0);
+  const rlimit few{lowestFree, before.rlim_max};
+  ASSERT_EQ(prlimit(peer.pid, RLIMIT_NOFILE, &few, nullptr), 0);
+
+  clockid_t clock;
+  timespec from{};
+  timespec to{};
+  ASSERT_EQ(clock_getcpuclockid(peer.pid, &clock), 0);
+  const UniqueFd newcomer = dial(orrin.socket(), SOCK_SEQPACKET);
+  pollfd wait{newcomer.get(), POLLIN, 0};
+  clock_gettime(clock, &from);
+  EXPECT_EQ(poll(&wait, 1, 400), 0);
+  clock_gettime(clock, &to);
+  EXPECT_LT((to.tv_sec - from.tv_sec) * 1000 + (to.tv_nsec - from.tv_nsec) / 1000000, 100) << "ms of a processor";
+  stillServes();
+  ASSERT_EQ(prlimit(peer.pid, RLIMIT_NOFILE, &before, nullptr), 0);
+  EXPECT_EQ(poll(&wait, 1, 3000), 1) << "it is greeted";
 }
 
 TEST_F(SwitchHostile, AReaderThatDoesNotReadHoldsUpNobody) {

@@ -131,11 +131,11 @@ void testLogCount() {
 
 void testMemoryTracking() {
   printf("Memtrack Test.\n");
-  void *p1 = malloc(10);
+  static void *p1 = malloc(10); // these two are never given back
   void *p2 = calloc(2, 20);
   char *p3 = strdup("Hello There!");
   void *p4 = memalign(8, 100);
-  void *p5 = valloc(110);
+  static void *p5 = valloc(110);
   void *p6 = nullptr;
   if (posix_memalign(&p6, 8, 120) != 0) {
     p6 = nullptr;

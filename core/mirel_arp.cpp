@@ -26,11 +26,11 @@ namespace {
 // Clears away the socket that an earlier run left behind.
 void folderMakeAnew() {
   char text[64];
-  snprintf(text, sizeof text, "rm -rf /tmp/mirel-%02u", mirelVrfId);
+  snprintf(text, sizeof text, "rm -rf /tmp/mirel-%02d", static_cast<int>(mirelVrfId));
   [[maybe_unused]] int ignored = system(text);
-  snprintf(text, sizeof text, "/tmp/mirel-%02u", mirelVrfId);
+  snprintf(text, sizeof text, "/tmp/mirel-%02d", static_cast<int>(mirelVrfId));
   if (access(text, F_OK) != 0) {
-    snprintf(text, sizeof text, "mkdir /tmp/mirel-%02u", mirelVrfId);
+    snprintf(text, sizeof text, "mkdir /tmp/mirel-%02d", static_cast<int>(mirelVrfId));
     ignored = system(text);
   }
 }
@@ -68,7 +68,7 @@ int mirelCreateArpSock(Relaxed<int> *sockFd) {
   }
   sockaddr_un local{};
   local.sun_family = AF_UNIX;
-  snprintf(local.sun_path, sizeof local.sun_path, "/tmp/mirel-%02u/arp-socket", mirelVrfId);
+  snprintf(local.sun_path, sizeof local.sun_path, "/tmp/mirel-%02d/arp-socket", static_cast<int>(mirelVrfId));
   if (bind(sock.get(), reinterpret_cast<const sockaddr *>(&local), sizeof local) != 0) {
     perror("bind");
     MIREL_TRACE(TRACE_ARP, OPERATION, "server socket creation failed\n");

@@ -30,7 +30,8 @@ struct GroupText {
   char text[INET_ADDRSTRLEN];
 
   explicit GroupText(uint32_t group) {
-    snprintf(text, sizeof text, "%u.%u.%u.%u", group >> 24, group >> 16 & 0xFF, group >> 8 & 0xFF, group & 0xFF);
+    const auto byte = [group](int shift) { return static_cast<int>(group >> shift & 0xFF); };
+    snprintf(text, sizeof text, "%d.%d.%d.%d", byte(24), byte(16), byte(8), byte(0));
   }
 };
 

@@ -64,7 +64,7 @@ void probeAgentLog(uint32_t severity, uint32_t component, const char *format, ..
   va_start(values, format);
   vsnprintf(text, sizeof text, format, values);
   va_end(values);
-  qvproc_logf(severity, component, LOG_AREA, LOG_LINE, "[VRF-ID:%u] %s", mirelVrfIdGet(), text);
+  qvproc_logf(severity, component, LOG_AREA, LOG_LINE, "[VRF-ID:%d] %s", static_cast<int>(mirelVrfIdGet()), text);
 }
 
 void probeAgentTrace(const char *format, ...) {
@@ -76,7 +76,7 @@ void probeAgentTrace(const char *format, ...) {
   va_start(values, format);
   vsnprintf(text, sizeof text, format, values);
   va_end(values);
-  printf("\n [VRF-ID:%u] %s.", mirelVrfIdGet(), text);
+  printf("\n [VRF-ID:%d] %s.", static_cast<int>(mirelVrfIdGet()), text);
 }
 
 void probeAgentDebugSet(uint32_t flag) {

@@ -304,6 +304,9 @@ bool interfaceHostMode(Switch &sw, Words &words, std::string &out) {
     return false;
   }
   interface->hostMode = interface->state != Interface::DOWN;
+  if (interface->hostMode) {
+    dropSilentKernelRoutes(sw, *interface); // the agent takes the device down and up
+  }
   sendInterfaceEvent(sw, *interface, routerEvent(TARNR_RTR_INTF_HOST_MODE, interface->number));
   return true;
 }

@@ -17,7 +17,7 @@ int32_t deleteKernelRoute(Switch &sw, Vrf &vrf, const KernelRoute &route);
 void restoreKernelRoute(Switch &sw, Vrf &vrf, KernelRoute route);
 void forgetKernelRoute(Switch &sw, Vrf &vrf, const KernelRoute::Key &key);
 
-// Those through an interface that goes down, of which the kernel does not say that they are gone: it drops IPv4 routes in
+// Those through an interface whose device goes down, of which the kernel does not say that they are gone: it drops IPv4 routes in
 // silence. Those through one that is about to go.
 void dropSilentKernelRoutes(Switch &sw, const Interface &interface);
 void dropKernelRoutes(Switch &sw, const Interface &interface);

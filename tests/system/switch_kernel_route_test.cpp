@@ -221,17 +221,19 @@ TEST_F(SwitchKernelRoute, AnOrrinStartedAnewKnowsThem) {
 TEST_F(SwitchKernelRoute, WhatTheKernelDropsInSilenceGoesWithTheInterface) {
   orrin.run("interface add 12 vrf 3 name 0/12 device rt2");
   orrin.run("interface enable 11");
-  for (const char *prefix : {"10.0.0.0/8", "11.0.0.0/8"}) {
-    ASSERT_EQ(add({prefix, {{"10.1.0.2", 11}}}), TARN_OK);
-  }
   ASSERT_EQ(add({"12.0.0.0/8", {{"10.2.0.2", 12}}}), TARN_OK);
   ASSERT_EQ(add({"2001:db8::/32", {{"fe80::1", 11}}}), TARN_OK);
   ASSERT_EQ(add(discard("13.0.0.0/8")), TARN_OK);
-  orrin.run("interface disable 11");
-  EXPECT_EQ(routes(), "12.0.0.0/8 kernel yes kernel proto 7 via 10.2.0.2 interface 12\n"
-                      "13.0.0.0/8 kernel yes kernel discard proto 7\n"
-                      "2001:db8::/32 kernel yes kernel via fe80::1 interface 11\n")
-      << "of IPv6 routes it tells";
+  for (const char *command : {"interface host-mode 11", "interface disable 11"}) {
+    for (const char *prefix : {"10.0.0.0/8", "11.0.0.0/8"}) {
+      ASSERT_EQ(add({prefix, {{"10.1.0.2", 11}}}), TARN_OK);
+    }
+    orrin.run(command);
+    EXPECT_EQ(routes(), "12.0.0.0/8 kernel yes kernel proto 7 via 10.2.0.2 interface 12\n"
+                        "13.0.0.0/8 kernel yes kernel discard proto 7\n"
+                        "2001:db8::/32 kernel yes kernel via fe80::1 interface 11\n")
+        << command << ": of IPv6 routes it tells";
+  }
   orrin.run("interface del 11");
   EXPECT_EQ(routes().find("2001"), std::string::npos);
 }

@@ -96,6 +96,23 @@ def start_sandbox(work, announce=None):
         os._exit(status if 0 <= status <= 255 else 98)
 
 
+def obstacle():
+    """Why nothing can be run here, None when it can."""
+    if os.geteuid() != 0:
+        return "needs root, to make namespaces"
+    if not (BIN / "mirel").exists():
+        return f"{BIN} has no mirel: build it first (cmake --preset release && cmake --build --preset release)"
+    return None
+
+
+def run_in_sandbox(name, work):
+    """work() in a sandbox, for a program of this name; returns the exit status."""
+    if reason := obstacle():
+        print(f"{name}: {reason}", file=sys.stderr)
+        return 1
+    return os.waitstatus_to_exitcode(os.waitpid(start_sandbox(work), 0)[1])
+
+
 # Waiting -----------------------------------------------------------------------------------------------------------
 
 

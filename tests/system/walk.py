@@ -229,8 +229,7 @@ def main():
     parser.add_argument("--seed", type=int, default=random.randrange(1 << 31))
     options = parser.parse_args()
     print(f"seed {options.seed}", flush=True)
-    sandbox = labnet.start_sandbox(lambda: walk(options.changes, options.seed, lambda text: print(text, flush=True)))
-    return os.waitstatus_to_exitcode(os.waitpid(sandbox, 0)[1])
+    return labnet.run_in_sandbox("walk", lambda: walk(options.changes, options.seed, lambda text: print(text, flush=True)))
 
 
 if __name__ == "__main__":

@@ -251,7 +251,9 @@ def show_foreign_route(vrf):
 
 def start_probes(lab):
     for vrf in lab.vrfs:
-        lab.switch.script_in(PROBES.format(id=vrf.id).splitlines())
+        for line in PROBES.format(id=vrf.id).splitlines():
+            # An agent takes none before its start-up is through.
+            labnet.until(lambda: labnet.orrinctl(*line.split()).returncode == 0, 20, f"the agent takes \"{line}\"")
 
 
 def show_probes(vrf):

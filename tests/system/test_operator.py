@@ -213,3 +213,20 @@ def test_the_binary_exports_five_functions_and_lets_the_libraries_be_replaced():
     assert "(RUNPATH)" in dynamic and "(RPATH)" not in dynamic
     needed = set(re.findall(r"\(NEEDED\).*\[(.*)\]", dynamic))
     assert {"libtarnapi.so", "libqvproc.so"} <= needed
+
+
+def test_a_switch_that_cannot_start_says_why_and_disturbs_nobody():
+    switch = labnet.Switch(["vrf add 3 blue"])
+    switch.start()
+    elsewhere = "/run/elsewhere/api"
+    for socket_path, state, status, complaint in (
+            (None, "/run/other", 1, "another orrin answers there"),
+            (elsewhere, labnet.Switch.STATE, 1, "another orrin"),
+            ("/run/" + 110 * "x", "/run/other", 1, "is no path for a socket"),
+            ("/proc/orrin/api", "/run/other", 1, "/proc/orrin/api.control: No such file"),
+            (elsewhere, "/proc/state", 1, "/proc/state: "),
+            (elsewhere, "/run/other too much", 2, "\"too\" is too much")):
+        done = subprocess.run([labnet.BIN / "orrin", "--state", *state.split()], capture_output=True, text=True, timeout=10,
+                              env={**os.environ, **({"ORRIN_SOCKET": socket_path} if socket_path else {})})
+        assert done.returncode == status and complaint in done.stderr, (state, done)
+    assert "vrf add 3 blue" in switch.ctl("dump") and switch.running()

@@ -14,7 +14,7 @@ import pytest
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "scripts"))
 import labnet  # noqa: E402
 
-TEST_TIMEOUT = 60
+TEST_TIMEOUT = 60 * int(os.environ.get("MIREL_PATIENCE", 1))
 
 
 def _in_child(function, arguments, report):

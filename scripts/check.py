@@ -103,7 +103,8 @@ def stages(options):
 
 def main():
     parser = argparse.ArgumentParser(description="build and test everything")
-    parser.add_argument("--all", action="store_true", help="also the linters, the clang build, every system test under the sanitizers, and longer fuzzing")
+    parser.add_argument("--all", action="store_true",
+                        help="also the linters, the clang build, every system test under the sanitizers, and longer fuzzing")
     parser.add_argument("--coverage", action="store_true", help="instead, or with --all before: the lines that the tests reach")
     options = parser.parse_args()
 

@@ -57,4 +57,5 @@ def clang_tidy():
 
 
 def cppcheck():
-    return over_all("cppcheck", lambda name: ["cppcheck", *CPPCHECK_OPTIONS, f"--project={COMMANDS}", f"--file-filter={ROOT / name}"])
+    return over_all("cppcheck", lambda name: ["cppcheck", *CPPCHECK_OPTIONS, f"--project={COMMANDS}",
+                                              f"--file-filter={ROOT / name}"])

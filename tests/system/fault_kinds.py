@@ -155,6 +155,8 @@ def call_fails(system, call, code, how):
     system.switch.ctl("fault", "set", call, "result", CODES[code], *how.split())
     for _ in range(rounds):
         how_often = make_call(system, call, act, how_often)
+    if call in SILENCE_CALLS:
+        labnet.until(lambda: not system.agent.running(), HEAL_SECONDS, "the agent ends, whose name is taken by itself")
     if call in RUN_CALLS:
         if how != ONCE:
             system.change()

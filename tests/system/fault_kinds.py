@@ -156,7 +156,7 @@ def call_fails(system, call, code, how):
     for _ in range(rounds):
         how_often = make_call(system, call, act, how_often)
     if call in SILENCE_CALLS:
-        labnet.until(lambda: not system.agent.running(), HEAL_SECONDS, "the agent ends, whose name is taken by itself")
+        system.loop_turns_or_ends()  # its name may be taken by itself
     if call in RUN_CALLS:
         if how != ONCE:
             system.change()
@@ -203,6 +203,7 @@ def default_vrf_call_fails(system, call, code, how):
     system.switch.ctl("fault", "clear")
     system.switch.ctl("interface", "enable", 1)
     labnet.until(lambda: agent.knows_device(1, "rt1"), HEAL_SECONDS, "the interface is known")
+    agent.kill()  # or it would take other faults upon itself
     return SEEN
 
 

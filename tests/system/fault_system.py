@@ -255,3 +255,10 @@ class System:
         before = taken()
         self.switch.ctl("event", "send", "vrf", 3, "type", POLICY_CHANGE)
         labnet.until(lambda: taken() > before, LOOP_SECONDS, "the agent's loop turns")
+
+    def loop_turns_or_ends(self):
+        """What the agent was about is over."""
+        try:
+            self.loop_turns()
+        except (RuntimeError, TimeoutError, subprocess.SubprocessError):
+            labnet.until(lambda: not self.agent.running(), LOOP_SECONDS, "the agent's loop turns, or it ends")

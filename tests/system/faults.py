@@ -5,7 +5,7 @@ agent's loop must turn; each must leave a trace in a counter, a log or an exit, 
 does once what a real one would do: it starts what has ended, enables the interfaces again, sends the routes again. Then the kernel
 must be what the switch holds, and the loop must turn. A fault that fails is named, and the others go on with a new system.
 
-    tests/system/faults.py [--seed N] [--share 1.0] [--only NAME] [--part K/N]
+    tests/system/faults.py [--seed N] [--share 1.0] [--only NAME] [--every K/N]
 
 --share takes only so large a part of each kind of fault; --only a kind, or the faults whose names begin with NAME, such as
 "call_fails IntfIpMtuGet NO_MORE". N runs of one seed side by side, with the parts from 1/N to N/N, are together a whole one.
@@ -141,19 +141,19 @@ def kinds():
     return sorted({row[0] for row in all_faults()}, key=lambda kind: kind.__name__)
 
 
-def part_of(text):
-    """K/N -> the slice of the faults that is this part."""
+def every_of(text):
+    """K/N -> every N-th of the faults, from the K-th on."""
     match = re.fullmatch(r"(\d+)/(\d+)", text)
     if not match or not 1 <= int(match[1]) <= int(match[2]):
         raise argparse.ArgumentTypeError("K/N, with K from 1 to N")
     return slice(int(match[1]) - 1, None, int(match[2]))
 
 
-def run(share, seed, only, say, kinds=None, part=slice(None)):
+def run(share, seed, only, say, kinds=None, every=slice(None)):
     """Returns the names of the faults that failed."""
     dice = random.Random(seed)
     whole = Run(dice, say)
-    for fault, *arguments in chosen(share, only, dice)[part]:
+    for fault, *arguments in chosen(share, only, dice)[every]:
         if kinds is None or fault in kinds:
             whole.one(fault, *arguments)
         if len(whole.failures) == FAILURES_MAX:
@@ -168,7 +168,7 @@ def main():
     parser.add_argument("--seed", type=int, default=random.randrange(1 << 31))
     parser.add_argument("--share", type=float, default=1.0)
     parser.add_argument("--only", metavar="NAME", help="one kind of fault, or those whose names begin with NAME")
-    parser.add_argument("--part", type=part_of, default=slice(None), metavar="K/N", help="every N-th of them, from the K-th on")
+    parser.add_argument("--every", type=every_of, default=slice(None), metavar="K/N", help="every N-th of them, from the K-th on")
     options = parser.parse_args()
     if not chosen(0, options.only, random.Random(0)):
         parser.error(f"--only: no fault's name begins with \"{options.only}\"; the kinds are: "
@@ -176,7 +176,7 @@ def main():
     print(f"seed {options.seed}", flush=True)
     def say(text):
         print(text, flush=True)
-    return labnet.run_in_sandbox("faults", lambda: bool(run(options.share, options.seed, options.only, say, part=options.part)))
+    return labnet.run_in_sandbox("faults", lambda: bool(run(options.share, options.seed, options.only, say, every=options.every)))
 
 
 if __name__ == "__main__":

@@ -135,12 +135,4 @@ def _measured(name, bench, options):
 
 
 def run(name, bench, options):
-    if os.geteuid() != 0:
-        print(f"bench/{name}: needs root, to make namespaces", file=sys.stderr)
-        return 1
-    if not (labnet.BIN / "mirel").exists():
-        print(f"bench/{name}: {labnet.BIN} has no mirel: build it first (cmake --preset release && cmake --build --preset release)",
-              file=sys.stderr)
-        return 1
-    sandbox = labnet.start_sandbox(lambda: _measured(name, bench, options))
-    return os.waitstatus_to_exitcode(os.waitpid(sandbox, 0)[1])
+    return labnet.run_in_sandbox(f"bench/{name}", lambda: _measured(name, bench, options))

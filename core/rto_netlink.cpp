@@ -1,10 +1,10 @@
 // The route netlink listener: a thread that owns one socket, bound to the route notifications of the namespace, and its
-// receive buffer. It never waits for anything but the socket, except when notifications were lost: then it asks for the
-// whole main table, at most once a second.
+// receive buffer. It waits for the socket only, and between notifications reads the dump of a resync.
 
 #include "rto_netlink.h"
 
 #include "netlink_filter.h"
+#include "rto_netlink_dump.h"
 #include "rto_netlink_trace.h"
 #include "unique_fd.h"
 
@@ -13,7 +13,10 @@
 #include <cerrno>
 #include <cstring>
 #include <ctime>
+#include <iterator>
 #include <poll.h>
+#include <pthread.h>
+#include <sys/eventfd.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -28,20 +31,13 @@ constexpr size_t RECEIVE_SIZE = 8192;
 constexpr int SOCKET_BUFFER_SIZE = 1048576;
 constexpr uint32_t ROUTE_GROUPS = RTMGRP_IPV4_ROUTE | RTMGRP_IPV6_ROUTE;
 constexpr uint32_t REOPEN_MSEC = 1000;
-constexpr uint32_t TABLE_INTERVAL_MSEC = 1000;
 constexpr int LISTENER_NICE = -20; // before those it listens to: what it does not read in time is lost
 
 enum ListenEnd : int { LISTEN_ENDED = 1, LISTEN_MALFORMED = 2 };
 
 alignas(nlmsghdr) std::array<std::byte, RECEIVE_SIZE> receiveBuffer;
 
-// What is owed when notifications were lost.
-struct LostNotifications {
-  bool tableIncomplete = false;
-  uint32_t askedAt = 0; // milliseconds since boot
-} lost;
-
-std::atomic<bool> setUpOnce = false; // well or not
+std::atomic<bool> setUpOnce = false; // successful or not
 
 bool buffersEnlarge(int sock) {
   if (setsockopt(sock, SOL_SOCKET, SO_SNDBUF, &SOCKET_BUFFER_SIZE, sizeof SOCKET_BUFFER_SIZE) != 0) {
@@ -89,31 +85,27 @@ bool localAddressBind(int sock, uint32_t groups) {
   return true;
 }
 
-// Asks for the whole table if it is due, and otherwise waits for a message until it is. Returns when there may be one.
-void lossMakeUpFor(RtoNetlinkHandle *handle) {
-  const uint32_t since = osapiUpTimeMillisecondsGet() - lost.askedAt;
-  pollfd readable{.fd = handle->fd, .events = POLLIN, .revents = 0};
-  if (since < TABLE_INTERVAL_MSEC && poll(&readable, 1, static_cast<int>(TABLE_INTERVAL_MSEC - since)) != 0) {
-    return;
+void eventWait(int sock, int msec) {
+  pollfd events[] = {{.fd = sock, .events = POLLIN, .revents = 0},
+                     {.fd = rtoResyncWakeFd, .events = POLLIN, .revents = 0}};
+  if (poll(events, std::size(events), msec) > 0 && events[1].revents != 0) {
+    eventfd_t requests;
+    eventfd_read(rtoResyncWakeFd, &requests);
   }
-  lost.tableIncomplete = false; // what is lost from now on is owed again
-  if (!rtoMainTableProcess(handle)) {
-    lost.tableIncomplete = true;
-  }
-  lost.askedAt = osapiUpTimeMillisecondsGet();
 }
 
-// As recvmsg(). After a loss the kernel drops further notifications without a new error until the socket's queue is empty,
-// so the table is asked for only when a receive that does not wait has found nothing.
-ssize_t datagramReceive(RtoNetlinkHandle *handle, msghdr *message) {
-  while (lost.tableIncomplete) {
+// As recvmsg(). The dump goes on only when there is no notification to read: after a loss the kernel also drops further
+// notifications, without a new error, until the socket's queue is empty.
+ssize_t datagramReceive(const RtoNetlinkHandle *handle, RtoDump &dump, msghdr *message) {
+  for (;;) {
     const ssize_t received = recvmsg(handle->fd, message, MSG_DONTWAIT);
     if (received >= 0 || errno != EAGAIN) {
       return received;
     }
-    lossMakeUpFor(handle);
+    if (!dump.step()) {
+      eventWait(handle->fd, dump.waitMsec());
+    }
   }
-  return recvmsg(handle->fd, message, 0);
 }
 
 void truncationReport(int flags) {
@@ -126,9 +118,10 @@ void truncationReport(int flags) {
 
 void *rtoNetlinkLinuxUpdatesHandler(void *) {
   const RtoCallTrace call("rtoNetlinkLinuxUpdatesHandler");
+  pthread_setname_np(pthread_self(), "rto-listener");
   setpriority(PRIO_PROCESS, static_cast<id_t>(gettid()), LISTENER_NICE);
-  // A socket that is closed takes along what it had queued, and until the next one is there nothing is heard.
-  for (;; lost.tableIncomplete = true) {
+  // Closing discards queued notifications, and none arrive until the socket is open again.
+  for (;; rtoResyncRequest()) {
     RtoNetlinkHandle handle;
     const bool open = rtoNetlinkSocketOpen(&handle, ROUTE_GROUPS, NETLINK_ROUTE) == 0;
     setUpOnce = true;
@@ -173,6 +166,7 @@ void rtoNetlinkSocketClose(RtoNetlinkHandle *handle) {
 int rtoNetlinkListen(RtoNetlinkHandle *handle, RtoMessageHandler handler) {
   constexpr const char *OPERATION = "rtoNetlinkListen";
   const RtoCallTrace call(OPERATION);
+  RtoDump dump(handle);
   for (;;) {
     sockaddr_nl sender{};
     iovec bytes{.iov_base = receiveBuffer.data(), .iov_len = receiveBuffer.size()};
@@ -181,12 +175,14 @@ int rtoNetlinkListen(RtoNetlinkHandle *handle, RtoMessageHandler handler) {
     message.msg_namelen = sizeof sender;
     message.msg_iov = &bytes;
     message.msg_iovlen = 1;
-    const ssize_t received = datagramReceive(handle, &message);
+    const ssize_t received = datagramReceive(handle, dump, &message);
     const int error = errno;
     MIREL_TRACE(TRACE_RTO_DETAIL, OPERATION, " rx message status %d \n", static_cast<int>(received));
     if (received < 0) {
       ++numRtoNetlinkRxErrors;
-      lost.tableIncomplete = lost.tableIncomplete || error == ENOBUFS;
+      if (error == ENOBUFS) {
+        rtoResyncRequest();
+      }
       continue;
     }
     if (received == 0) {

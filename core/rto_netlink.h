@@ -6,6 +6,8 @@
 #include "mirel_show.h"
 #include "netlink_attr.h"
 
+#include <memory>
+
 // ---- the message from listener to task
 
 enum RtoRouteAction : uint32_t {
@@ -15,10 +17,24 @@ enum RtoRouteAction : uint32_t {
   RT_NETLINK_DELETE6 = 4,
 };
 
+// What a resync adds, beyond every action of a notification.
+enum RtoResyncAction : uint32_t {
+  RT_RESYNC_ROUTE = 0x101,  // an IPv4 route that the kernel holds
+  RT_RESYNC_ROUTE6 = 0x103, // the same, IPv6
+  RT_RESYNC_BEGIN = 0x104,  // of a dump; without a route
+  RT_RESYNC_END = 0x105,    // every route that the kernel holds has been passed on; without a route
+};
+
 inline constexpr uint32_t EXT_ROUTE_DISCARD = 0x8; // flags of a route without a next hop
 inline constexpr uint32_t EXT_ROUTE_REJECT = 0x10;
 
+// What RTO files every kernel route under.
+inline constexpr uint32_t EXT_ROUTE_TYPE = 2;
+inline constexpr uint32_t EXT_ROUTE_PROTO = 7;
+inline constexpr uint8_t EXT_ROUTE_REPORT_FLAG = 1;
+
 inline constexpr uint32_t EXT_ROUTE_NEXT_HOPS = 16;
+inline constexpr uint32_t EXT_ROUTE_QUEUE_DEPTH = 1024; // messages
 
 struct ExtRouteNextHop {
   uint32_t gateway; // host byte order
@@ -117,20 +133,35 @@ int rtoAcceptMsg(const NetlinkMessage &message);
 // Whether the message is of the main table and not the agent's own. Stores its header.
 bool rtoRouteIsForeign(const NetlinkMessage &message, rtmsg *header);
 
-// Turns a route message into the task's and queues it. The action is that of IPv4, whatever the family. With
-// QV_WAIT_FOREVER it waits for room in the queue; with QV_NO_WAIT a route that finds no room is dropped and counted.
-void rtoExternalRouteProcess(const NetlinkMessage &message, uint32_t action, int32_t wait = QV_NO_WAIT);
+// Turns a route message into the task's and queues it. The action is that of IPv4, whatever the family. A route that finds
+// no room in the queue is dropped and counted, and a resync requested.
+void rtoExternalRouteProcess(const NetlinkMessage &message, uint32_t action);
 
-// Asks the kernel for its main table, IPv4 and IPv6, on a socket of its own, and passes every foreign route on as an
-// addition, waiting for room. Returns whether the kernel could be asked.
-bool rtoMainTableProcess(RtoNetlinkHandle *handle);
+// The same for a route of a dump, which is neither counted nor logged. Returns false if it could not be passed on.
+bool rtoDumpedRouteProcess(const NetlinkMessage &message);
+
+// Queues a message without waiting. Returns false if there is no room; the message is gone then.
+bool rtoMessageSend(std::unique_ptr<rto_extRoute_msg> msg);
+
+// ---- resync, after a loss
+
+// Asks the listener for a dump of the kernel's main table, by which the task finds what RTO lacks and what it holds too
+// much. Any thread; requests that come before the dump begins are one.
+void rtoResyncRequest();
+
+extern int rtoResyncWakeFd; // an eventfd that wakes the listener for a request; -1 outside rtoNetlinkInit() and -Fini()
+
+extern uint32_t rtoWithdrawalCount; // withdrawals that the listener has read; its own
 
 // ---- the task, on its thread
 
 void *qv_extRouteProc_task(void *);
 
-// Reports one message to RTO, counts and logs the outcome.
+// Reports one message to RTO, if RTO does not have it from a resync, counts and logs the outcome.
 void rtoExternalRouteReport(const rto_extRoute_msg &msg);
+
+// After the end of a dump: withdraws one route that RTO holds and the kernel does not. Returns whether there may be more.
+bool rtoWithdrawNext();
 
 // What became of a report.
 enum RtoStatus : int32_t { RTO_DONE = 0, RTO_FAILURE = 1, RTO_REFUSED = 5, RTO_EXISTS = 6, RTO_FULL = 7 };

@@ -23,11 +23,6 @@ namespace {
 constexpr char LOG_AREA[] = "application/routing/mirel/core/rto_netlink";
 constexpr const char *OPERATION = "rtoExternalRouteProcess";
 
-// What RTO files every kernel route under.
-constexpr uint32_t ROUTE_TYPE_KERNEL = 2;
-constexpr uint32_t ROUTE_PROTO_KERNEL = 7;
-constexpr uint8_t REPORT_FLAG = 1;
-
 constexpr uint32_t DESTINATION_INVALID = UINT32_MAX; // 255.255.255.255
 constexpr uint8_t PREFIX6_HOST = 128;
 constexpr uint8_t IPV4_BITS = 32;
@@ -110,8 +105,10 @@ RouteFields fieldsRead(const rtmsg &header, NetlinkBytes attributes) {
   return fields;
 }
 
-// Fills the message from an IPv4 route. Returns whether it can be reported.
-bool ipv4Convert(const rtmsg &header, NetlinkBytes attributes, uint32_t flags, rto_extRoute_msg &msg) {
+enum class Conversion { DONE, INVALID, UNANSWERED };
+
+// Fills the message from an IPv4 route.
+Conversion ipv4Convert(const rtmsg &header, NetlinkBytes attributes, uint32_t flags, rto_extRoute_msg &msg) {
   const RouteFields fields = fieldsRead(header, attributes);
   MIREL_TRACE(TRACE_RTO_DETAIL, OPERATION, "Msg on Ext Route %s mask %s via %s on IntIf %d Action %d \n\n",
               AddrText(fields.destination).text, AddrText(fields.mask).text, AddrText(fields.gateway).text,
@@ -120,21 +117,21 @@ bool ipv4Convert(const rtmsg &header, NetlinkBytes attributes, uint32_t flags, r
     MIREL_TRACE(TRACE_RTO_FAILURE, OPERATION, "Invalid route! Route %s mask %s via %s on IntIf %d Action %d \n\n",
                 AddrText(fields.destination).text, AddrText(fields.mask).text, AddrText(fields.gateway).text,
                 fields.intIfNum, msg.action);
-    return false;
+    return Conversion::INVALID;
   }
   ExtRoute &route = msg.ipv4;
   route.destination = fields.destination;
   route.mask = fields.mask;
-  route.routeType = ROUTE_TYPE_KERNEL;
-  route.routeProto = ROUTE_PROTO_KERNEL;
-  route.reportFlag = REPORT_FLAG;
+  route.routeType = EXT_ROUTE_TYPE;
+  route.routeProto = EXT_ROUTE_PROTO;
+  route.reportFlag = EXT_ROUTE_REPORT_FLAG;
   route.metric = fields.metric;
   route.flags = flags;
   if (flags == 0) {
     route.nextHops[0] = {.gateway = fields.gateway, .intIfNum = fields.intIfNum};
     route.numNextHops = 1;
   }
-  return true;
+  return Conversion::DONE;
 }
 
 // What the attributes of an IPv6 route say.
@@ -142,7 +139,8 @@ struct RouteFields6 {
   uint8_t destination[16] = {};
   uint8_t prefixLen = 0;
   uint8_t gateway[16] = {};
-  uint32_t intIfNum = 0; // 0 = unknown
+  uint32_t intIfNum = 0;   // 0 = unknown
+  bool unanswered = false; // the switch did not say which interface it is
 };
 
 RouteFields6 fields6Read(const rtmsg &header, NetlinkBytes attributes) {
@@ -157,7 +155,8 @@ RouteFields6 fields6Read(const rtmsg &header, NetlinkBytes attributes) {
       break;
     case RTA_OIF:
       if (dataRead(attr, ifIndex)) {
-        apiCall(rpcclt_tarnapiStackIfIndexIntIfNumGet, ifIndex, &fields.intIfNum);
+        const int32_t result = apiCall(rpcclt_tarnapiStackIfIndexIntIfNumGet, ifIndex, &fields.intIfNum);
+        fields.unanswered = result == TARN_FAILURE;
       }
       break;
     case RTA_GATEWAY:
@@ -189,41 +188,53 @@ bool ipv6Valid(const rtmsg &header, const RouteFields6 &fields, uint32_t flags, 
   return true;
 }
 
-// Fills the message from a route of any other family. Returns whether it can be reported.
-bool ipv6Convert(const rtmsg &header, NetlinkBytes attributes, uint32_t flags, rto_extRoute_msg &msg) {
-  msg.action = msg.action == RT_NETLINK_ADD ? RT_NETLINK_ADD6 : RT_NETLINK_DELETE6;
+// Fills the message from a route of any other family.
+Conversion ipv6Convert(const rtmsg &header, NetlinkBytes attributes, uint32_t flags, rto_extRoute_msg &msg) {
+  msg.action += RT_NETLINK_ADD6 - RT_NETLINK_ADD;
   const RouteFields6 fields = fields6Read(header, attributes);
   MIREL_TRACE(TRACE_RTO_DETAIL, OPERATION, "Msg on Ext Route %s/%d via %s on IntIf %d Action %d \n\n",
               AddrText(fields.destination).text, fields.prefixLen, AddrText(fields.gateway).text, fields.intIfNum,
               msg.action);
   if (!ipv6Valid(header, fields, flags, msg.action)) {
-    return false;
+    return fields.unanswered ? Conversion::UNANSWERED : Conversion::INVALID;
   }
   ExtRoute6 &route = msg.ipv6;
   memcpy(route.destination, fields.destination, sizeof route.destination);
   route.prefixLen = fields.prefixLen;
-  route.routeType = ROUTE_TYPE_KERNEL;
-  route.reportFlag = REPORT_FLAG;
+  route.routeType = EXT_ROUTE_TYPE;
+  route.reportFlag = EXT_ROUTE_REPORT_FLAG;
   route.flags = flags;
   if (flags == 0) {
     memcpy(route.nextHops[0].gateway, fields.gateway, sizeof fields.gateway);
     route.nextHops[0].intIfNum = fields.intIfNum;
     route.numNextHops = 1;
   }
-  return true;
+  return Conversion::DONE;
 }
 
-// The queue has the message afterwards, or nobody.
-void messageQueue(std::unique_ptr<rto_extRoute_msg> msg, int32_t wait) {
-  constexpr uint32_t NORMAL_PRIORITY = 0;
-  rto_extRoute_msg *pointer = msg.get();
-  if (osapiMessageSend(extRouteQueue, &pointer, sizeof pointer, wait, NORMAL_PRIORITY) != 0) {
-    ++numExtRouteQueueDrops;
-    MIREL_TRACE(TRACE_RTO_FAILURE, OPERATION, " osapiMessageSend failed.\n");
-    qvproc_logf(SEVERITY_ERROR, COMPONENT_RTO_NETLINK, LOG_AREA, __LINE__, "%s: osapiMessageSend failed, ", OPERATION);
-    return;
+struct Converted {
+  std::unique_ptr<rto_extRoute_msg> msg; // null: no memory
+  Conversion outcome = Conversion::INVALID;
+};
+
+Converted convert(const NetlinkMessage &message, uint32_t action) {
+  rtmsg header;
+  memcpy(&header, message.payload.data(), sizeof header);
+  const NetlinkBytes attributes = message.payload.subspan(sizeof header);
+  // Cleared as a whole: braces promise that for the IPv4 layout only.
+  Converted converted{.msg = std::unique_ptr<rto_extRoute_msg>(new (std::nothrow) rto_extRoute_msg())};
+  if (!converted.msg) {
+    MIREL_TRACE(TRACE_RTO_DETAIL, OPERATION, "  Memory alloc failure for rto_extRoute_msg with error: %s\n\n",
+                strerror(ENOMEM));
+    return converted;
   }
-  static_cast<void>(msg.release());
+  converted.msg->action = action;
+  MIREL_TRACE(TRACE_RTO_DETAIL, OPERATION, "  Action %d \n\n", action);
+  headerTrace(header);
+  const uint32_t flags = flagsOf(header.rtm_type);
+  converted.outcome = header.rtm_family == AF_INET ? ipv4Convert(header, attributes, flags, *converted.msg)
+                                                   : ipv6Convert(header, attributes, flags, *converted.msg);
+  return converted;
 }
 
 } // namespace
@@ -246,35 +257,47 @@ int rtoAcceptMsg(const NetlinkMessage &message) {
   if (foreign && message.type == RTM_NEWROUTE) {
     rtoExternalRouteProcess(message, RT_NETLINK_ADD);
   } else if (foreign && message.type == RTM_DELROUTE) {
+    ++rtoWithdrawalCount;
     rtoExternalRouteProcess(message, RT_NETLINK_DELETE);
   }
   return 0;
 }
 
-void rtoExternalRouteProcess(const NetlinkMessage &message, uint32_t action, int32_t wait) {
+void rtoExternalRouteProcess(const NetlinkMessage &message, uint32_t action) {
   const RtoCallTrace call(OPERATION);
-  rtmsg header;
-  if (message.payload.size() < sizeof header) {
+  if (message.payload.size() < sizeof(rtmsg)) {
     return;
   }
-  memcpy(&header, message.payload.data(), sizeof header);
-  const NetlinkBytes attributes = message.payload.subspan(sizeof header);
-  // Cleared as a whole: braces promise that for the IPv4 layout only.
-  std::unique_ptr<rto_extRoute_msg> msg(new (std::nothrow) rto_extRoute_msg());
-  if (!msg) {
-    MIREL_TRACE(TRACE_RTO_DETAIL, OPERATION, "  Memory alloc failure for rto_extRoute_msg with error: %s\n\n",
-                strerror(ENOMEM));
-    return;
-  }
-  msg->action = action;
-  MIREL_TRACE(TRACE_RTO_DETAIL, OPERATION, "  Action %d \n\n", action);
-  headerTrace(header);
-  const uint32_t flags = flagsOf(header.rtm_type);
-  const bool valid = header.rtm_family == AF_INET ? ipv4Convert(header, attributes, flags, *msg)
-                                                  : ipv6Convert(header, attributes, flags, *msg);
-  if (!valid) {
+  Converted converted = convert(message, action);
+  if (!converted.msg) {
+    rtoResyncRequest();
+  } else if (converted.outcome != Conversion::DONE) {
     ++numExtRouteInvalid;
-    return;
+    if (converted.outcome == Conversion::UNANSWERED) {
+      rtoResyncRequest();
+    }
+  } else if (!rtoMessageSend(std::move(converted.msg))) {
+    ++numExtRouteQueueDrops;
+    MIREL_TRACE(TRACE_RTO_FAILURE, OPERATION, " osapiMessageSend failed.\n");
+    qvproc_logf(SEVERITY_ERROR, COMPONENT_RTO_NETLINK, LOG_AREA, __LINE__, "%s: osapiMessageSend failed, ", OPERATION);
+    rtoResyncRequest();
   }
-  messageQueue(std::move(msg), wait);
+}
+
+bool rtoDumpedRouteProcess(const NetlinkMessage &message) {
+  Converted converted = convert(message, RT_RESYNC_ROUTE);
+  if (!converted.msg || converted.outcome == Conversion::UNANSWERED) {
+    return false;
+  }
+  return converted.outcome == Conversion::INVALID || rtoMessageSend(std::move(converted.msg));
+}
+
+bool rtoMessageSend(std::unique_ptr<rto_extRoute_msg> msg) {
+  constexpr uint32_t NORMAL_PRIORITY = 0;
+  rto_extRoute_msg *pointer = msg.get();
+  if (osapiMessageSend(extRouteQueue, &pointer, sizeof pointer, QV_NO_WAIT, NORMAL_PRIORITY) != 0) {
+    return false;
+  }
+  static_cast<void>(msg.release());
+  return true;
 }

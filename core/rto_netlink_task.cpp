@@ -1,17 +1,19 @@
 // The external route task: takes the listener's messages off the queue, reports each to RTO as a kernel route of the VRF,
-// counts and logs the outcome. A thread of its own, so that calls to the switch do not hold up the listener. The queue and
-// both threads are made here, at start-up, and live as long as the process.
+// counts and logs the outcome. In a resync it compares the routes of a dump with what RTO has answered for, and reports only
+// what differs. A thread of its own, so that calls to the switch do not hold up the listener. The queue and both threads are
+// made here, at start-up, and live as long as the process.
 
-#include "api_lock.h"
+#include "mirel_address.h"
 #include "rto_netlink.h"
+#include "rto_netlink_known.h"
 #include "rto_netlink_trace.h"
 
-#include <algorithm>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <pthread.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
 
 osapiMsgQueue *extRouteQueue = nullptr;
 Counter numExtRouteAdds;
@@ -24,7 +26,6 @@ namespace {
 constexpr char LOG_AREA[] = "application/routing/mirel/core/rto_netlink";
 constexpr const char *TASK_OPERATION = "qv_extRouteProc_task";
 
-constexpr uint32_t QUEUE_DEPTH = 1024;
 constexpr RtoStatus NO_STATUS{-1};
 
 struct CounterRow {
@@ -43,98 +44,6 @@ constexpr CounterRow COUNTERS[] = {
     {numRtoNetlinkRxErrors, "numRtoNetlinkRxErrors", "\nCount of RTO netlink socket receive errors: "},
 };
 
-// ---- one report
-
-struct RtoCall {
-  int32_t (*call)(tarnapiClient *, uint32_t vrfId, const RtoRouteRecord *route, const tarn_buffdesc *nextHops);
-  const char *failedText;
-};
-
-constexpr RtoCall ADD_CALL = {rpcclt_tarnapiKernelRouteAddVr, " tarnapiKernelRouteAddVr failed. rc = %d\n"};
-constexpr RtoCall DELETE_CALL = {rpcclt_tarnapiKernelRouteDelVr, " tarnapiKernelRouteDelVr failed. rc = %d\n"};
-
-RtoRouteRecord recordOf(const ExtRoute &route) {
-  RtoRouteRecord record{};
-  record.prefix.family = TARN_FAMILY_IPV4;
-  record.prefix.ipv4 = route.destination;
-  record.prefixLen = static_cast<uint8_t>(osapiInetMaskLengthGet(route.mask));
-  record.routeProto = route.routeProto;
-  record.metric = route.metric;
-  return record;
-}
-
-RtoRouteRecord recordOf(const ExtRoute6 &route) {
-  RtoRouteRecord record{};
-  record.prefix.family = TARN_FAMILY_IPV6;
-  memcpy(record.prefix.ipv6, route.destination, sizeof record.prefix.ipv6);
-  record.prefixLen = static_cast<uint8_t>(route.prefixLen);
-  return record;
-}
-
-NextHopRecord nextHopOf(const ExtRouteNextHop &hop) {
-  NextHopRecord record{};
-  record.addr.family = TARN_FAMILY_IPV4;
-  record.addr.ipv4 = hop.gateway;
-  record.intIfNum = hop.intIfNum;
-  return record;
-}
-
-NextHopRecord nextHopOf(const ExtRouteNextHop6 &hop) {
-  NextHopRecord record{};
-  record.addr.family = TARN_FAMILY_IPV6;
-  memcpy(record.addr.ipv6, hop.gateway, sizeof record.addr.ipv6);
-  record.intIfNum = hop.intIfNum;
-  return record;
-}
-
-RtoStatus statusOf(int32_t result) {
-  switch (result) {
-  case TARN_OK:
-    return RTO_DONE;
-  case TARN_FAILURE:
-    return RTO_FAILURE;
-  case TARN_EXISTS:
-    return RTO_EXISTS;
-  case TARN_FULL:
-    return RTO_FULL;
-  default:
-    return RTO_REFUSED;
-  }
-}
-
-// Copies the next hops into the list, as many as it holds, and sizes it to them. Returns their number.
-template <typename Route> uint32_t nextHopsCopy(const Route &route, tarn_buffdesc &list) {
-  constexpr uint32_t HOP_SIZE = sizeof(NextHopRecord);
-  const uint32_t count = std::min({route.numNextHops, EXT_ROUTE_NEXT_HOPS, list.size / HOP_SIZE});
-  for (uint32_t i = 0; i < count; ++i) {
-    const NextHopRecord hop = nextHopOf(route.nextHops[i]);
-    memcpy(list.pstart + i * HOP_SIZE, &hop, HOP_SIZE);
-  }
-  list.size = count * HOP_SIZE;
-  return count;
-}
-
-template <typename Route> RtoStatus routeReport(const RtoCall &rto, const Route &route, const char *operation) {
-  const RtoCallTrace call(operation);
-  RtoRouteRecord record = recordOf(route);
-  record.routeType = static_cast<uint8_t>(route.routeType);
-  record.rejectRoute = (route.flags & EXT_ROUTE_REJECT) != 0 ? 1 : 0;
-  record.discardRoute = (route.flags & EXT_ROUTE_DISCARD) != 0 ? 1 : 0;
-  record.reportFlag = route.reportFlag;
-  tarn_buffdesc nextHops{};
-  if (nextHopListBuffDescStorageAllocate(&nextHops) == 0) {
-    MIREL_TRACE(TRACE_RTO_FAILURE, operation, " nextHopListBuffDescStorageAllocate failed.\n");
-    return RTO_FAILURE;
-  }
-  record.numNextHops = nextHopsCopy(route, nextHops);
-  const RtoStatus status = statusOf(apiCall(rto.call, mirelVrfId, &record, &nextHops));
-  if (status != RTO_DONE) {
-    MIREL_TRACE(TRACE_RTO_FAILURE, operation, rto.failedText, status);
-  }
-  nextHopListBuffDescStorageFree(&nextHops);
-  return status;
-}
-
 // ---- what becomes of it
 
 // One action: how it is reported, which status passes in silence, which failure is only worth a note, and what is counted
@@ -149,25 +58,34 @@ template <typename Route> struct RouteAction {
   Counter &failed;
   const char *doneText;
   const char *failedText;
+  void (*note)(RtoKnownRoute route, RtoStatus status); // keeps what RTO holds now
 };
+
+void additionNote(RtoKnownRoute route, RtoStatus status);
+void withdrawalNote(RtoKnownRoute route, RtoStatus status);
 
 constexpr RouteAction<ExtRoute> ACTIONS[] = {
     {RT_NETLINK_ADD, "case RT_NETLINK_ADD\n", mirelToRtoRouteAdd, RTO_EXISTS, RTO_FULL, numExtRouteAdds,
      numExtRouteAddErrors, "Successfully added kernel route ip %s mask %s via %s on IntIf %d.",
-     "Failed adding kernel route ip %s mask %s via %s on IntIf %d. Error: %d."},
+     "Failed adding kernel route ip %s mask %s via %s on IntIf %d. Error: %d.", additionNote},
     {RT_NETLINK_DELETE, "case RT_NETLINK_DELETE\n", mirelToRtoRouteDelete, RTO_REFUSED, NO_STATUS, numExtRouteDeletes,
      numExtRouteDeleteErrors, "Successfully deleted kernel route ip %s mask %s via %s on IntIf %d.",
-     "Failed deleting kernel route ip %s mask %s via %s on IntIf %d. Error: %d."},
+     "Failed deleting kernel route ip %s mask %s via %s on IntIf %d. Error: %d.", withdrawalNote},
 };
 
 constexpr RouteAction<ExtRoute6> ACTIONS6[] = {
     {RT_NETLINK_ADD6, "case RT_NETLINK_ADD6\n", mirelToRtoRoute6Add, RTO_EXISTS, RTO_FULL, numExtRouteAdds,
      numExtRouteAddErrors, "Successfully added kernel IPv6 route %s/%d via %s on IntIf %d.",
-     "Failed adding kernel IPv6 route %s/%d via %s on IntIf %d. Error: %d."},
+     "Failed adding kernel IPv6 route %s/%d via %s on IntIf %d. Error: %d.", additionNote},
     {RT_NETLINK_DELETE6, "case RT_NETLINK_DELETE6\n", mirelToRtoRoute6Delete, RTO_REFUSED, NO_STATUS,
      numExtRouteDeletes, numExtRouteDeleteErrors, "Successfully deleted kernel IPv6 route %s/%d via %s on IntIf %d.",
-     "Failed deleting kernel IPv6 route %s/%d via %s on IntIf %d. Error: %d."},
+     "Failed deleting kernel IPv6 route %s/%d via %s on IntIf %d. Error: %d.", withdrawalNote},
 };
+
+constexpr const RouteAction<ExtRoute> &ADDITION = ACTIONS[0];
+constexpr const RouteAction<ExtRoute> &WITHDRAWAL = ACTIONS[1];
+constexpr const RouteAction<ExtRoute6> &ADDITION6 = ACTIONS6[0];
+constexpr const RouteAction<ExtRoute6> &WITHDRAWAL6 = ACTIONS6[1];
 
 // The status is the last argument; the texts of success leave it out.
 void resultLog(uint32_t severity, const char *text, const ExtRoute &route, RtoStatus status) {
@@ -191,18 +109,147 @@ bool skipped(const ExtRoute6 &route) {
   return route.destination[0] == 0xfe && (route.destination[1] & 0xc0) == 0x80;
 }
 
-template <typename Route> void actionPerform(const RouteAction<Route> &action, const Route &route) {
-  MIREL_TRACE(TRACE_RTO_DETAIL, TASK_OPERATION, "%s", action.name);
-  if (skipped(route)) {
-    return;
-  }
-  const RtoStatus status = action.report(route);
+template <typename Route> void outcomeAccount(const RouteAction<Route> &action, const Route &route, RtoStatus status) {
   if (status == RTO_DONE) {
     ++action.done;
     resultLog(SEVERITY_INFO, action.doneText, route, status);
   } else if (status != action.silent) {
     ++action.failed;
     resultLog(status == action.noted ? SEVERITY_INFO : SEVERITY_ERROR, action.failedText, route, status);
+  }
+}
+
+// ---- what RTO is known to hold
+
+constexpr uint32_t ANSWER_SECONDS_MAX = 1; // for a report in a resync; a switch that hangs costs five a report
+
+struct Resync {
+  bool comparing = false;   // from the begin of a dump to its end
+  bool withdrawing = false; // after the end, until no route is left that the dump did not show
+  bool unanswered = false;  // RTO did not answer in time: the rest is left to the next resync
+  size_t slot = 0;          // where the search for routes to withdraw goes on
+} resync;
+
+// A report that failed is made again by the next resync.
+template <typename Route> RtoStatus reportMake(const RouteAction<Route> &action, const Route &route) {
+  const uint32_t start = currentGetTime();
+  const RtoStatus status = action.report(route);
+  if (status == RTO_FAILURE) {
+    resync.unanswered = resync.unanswered || currentGetTime() - start > ANSWER_SECONDS_MAX;
+    rtoResyncRequest();
+  }
+  return status;
+}
+
+void additionNote(RtoKnownRoute route, RtoStatus status) {
+  const RtoKnownRoute *known = rtoKnownRoutes.find(route);
+  const bool held = known != nullptr && known->is(RTO_KNOWN_HELD); // also of a route that it replaces
+  route.set(RTO_KNOWN_SEEN);
+  if (held || status == RTO_DONE || status == RTO_EXISTS || status == RTO_FAILURE) {
+    route.set(RTO_KNOWN_HELD);
+  }
+  if (status == RTO_FAILURE) {
+    route.set(RTO_KNOWN_PENDING);
+  }
+  rtoKnownRoutes.place(route);
+}
+
+void withdrawalNote(RtoKnownRoute route, RtoStatus status) {
+  RtoKnownRoute *known = rtoKnownRoutes.find(route);
+  if (status == RTO_FAILURE) {
+    route.set(RTO_KNOWN_HELD | RTO_KNOWN_PENDING | RTO_KNOWN_SEEN);
+    rtoKnownRoutes.place(route);
+  } else if (known != nullptr && status == RTO_REFUSED && !known->sameContent(route)) {
+    return; // RTO holds another route of the prefix
+  } else if (resync.comparing) {
+    route.set(RTO_KNOWN_GONE | RTO_KNOWN_SEEN);
+    rtoKnownRoutes.place(route);
+  } else if (known != nullptr) {
+    rtoKnownRoutes.erase(known);
+  }
+}
+
+// ---- notifications
+
+template <typename Route> void notificationReport(const RouteAction<Route> &action, const Route &route) {
+  MIREL_TRACE(TRACE_RTO_DETAIL, TASK_OPERATION, "%s", action.name);
+  if (skipped(route)) {
+    return;
+  }
+  const RtoStatus status = reportMake(action, route);
+  outcomeAccount(action, route, status);
+  action.note(rtoKnownOf(route), status);
+}
+
+template <typename Route, size_t COUNT>
+bool notificationReport(const RouteAction<Route> (&actions)[COUNT], uint32_t number, const Route &route) {
+  for (const RouteAction<Route> &action : actions) {
+    if (action.action == number) {
+      notificationReport(action, route);
+      return true;
+    }
+  }
+  return false;
+}
+
+// ---- resync
+
+void resyncBegin() {
+  for (size_t slot = 0; slot < rtoKnownRoutes.capacity(); ++slot) {
+    RtoKnownRoute &known = rtoKnownRoutes.at(slot);
+    if (known.is(RTO_KNOWN_GONE)) { // since an earlier begin; a dump that shows it now is right
+      known.set(RTO_KNOWN_PENDING);
+    }
+    known.clear(RTO_KNOWN_SEEN | RTO_KNOWN_GONE);
+  }
+  resync = {.comparing = true};
+}
+
+void resyncEnd() {
+  resync.comparing = false;
+  resync.withdrawing = true;
+  resync.slot = 0;
+}
+
+// A route that the kernel holds. What has been notified since the dump began is newer; of several routes of one key, the
+// kernel uses the first. A report that fails a second time is neither counted nor logged again.
+template <typename Route> void dumpedCompare(const RouteAction<Route> &addition, const Route &route) {
+  if (skipped(route)) {
+    return;
+  }
+  const RtoKnownRoute now = rtoKnownOf(route);
+  RtoKnownRoute *known = rtoKnownRoutes.find(now);
+  const bool same = known != nullptr && known->sameContent(now);
+  if (known != nullptr) {
+    if (known->is(RTO_KNOWN_SEEN) || (same && !known->is(RTO_KNOWN_PENDING))) {
+      known->set(RTO_KNOWN_SEEN);
+      return;
+    }
+    known->set(RTO_KNOWN_SEEN);
+  }
+  if (resync.unanswered) {
+    return;
+  }
+  const RtoStatus status = reportMake(addition, route);
+  if (status != RTO_FAILURE || !same) {
+    outcomeAccount(addition, route, status);
+  }
+  additionNote(now, status);
+}
+
+template <typename Route> void withdraw(const RouteAction<Route> &withdrawal, const Route &route, RtoKnownRoute known) {
+  const RtoStatus status = reportMake(withdrawal, route);
+  if (status != RTO_FAILURE || !known.is(RTO_KNOWN_PENDING)) {
+    outcomeAccount(withdrawal, route, status);
+  }
+  withdrawalNote(known, status);
+}
+
+void withdraw(const RtoKnownRoute &known) {
+  if (known.is(RTO_KNOWN_IPV6)) {
+    withdraw(WITHDRAWAL6, known.ipv6(), known);
+  } else {
+    withdraw(WITHDRAWAL, known.ipv4(), known);
   }
 }
 
@@ -234,11 +281,12 @@ void rtoNetlinkStatsClear() {
 
 int rtoNetlinkInit() {
   const RtoCallTrace call("rtoNetlinkInit");
-  extRouteQueue = osapiMsgQueueCreate("Ext route_queue", QUEUE_DEPTH, sizeof(rto_extRoute_msg *));
+  extRouteQueue = osapiMsgQueueCreate("Ext route_queue", EXT_ROUTE_QUEUE_DEPTH, sizeof(rto_extRoute_msg *));
   if (extRouteQueue == nullptr) {
     MIREL_LOG(SEVERITY_ERROR, "ERROR: Failed to create RtoNetlink-rtoExtRoute_queue.");
     exit(EXIT_SUCCESS);
   }
+  rtoResyncWakeFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK); // without one a request waits for the next notification
   threadStart(rtoNetlinkLinuxUpdatesHandler,
               "[VRF \"%s\"]: Failed to create RtoNetlink-LinuxUpdatesHandler thread. Error %d.");
   threadStart(qv_extRouteProc_task, "[VRF \"%s\"]: Failed to create RtoNetlink-ExtRoutesProcess thread. Error %d.");
@@ -254,6 +302,10 @@ int rtoNetlinkFini() {
     osapiMsgQueueDelete(extRouteQueue);
     extRouteQueue = nullptr;
   }
+  close(rtoResyncWakeFd);
+  rtoResyncWakeFd = -1;
+  rtoKnownRoutes.removeAll();
+  resync = {};
   return 0;
 }
 
@@ -261,43 +313,59 @@ void *qv_extRouteProc_task(void *) {
   const RtoCallTrace call(TASK_OPERATION);
   for (;;) {
     rto_extRoute_msg *received = nullptr;
-    if (osapiMessageReceive(extRouteQueue, &received, sizeof received, QV_WAIT_FOREVER) != 0) {
+    const int32_t wait = resync.withdrawing ? QV_NO_WAIT : QV_WAIT_FOREVER;
+    if (osapiMessageReceive(extRouteQueue, &received, sizeof received, wait) == 0) {
+      const std::unique_ptr<const rto_extRoute_msg> msg(received);
+      rtoExternalRouteReport(*msg);
+    } else if (resync.withdrawing) {
+      rtoWithdrawNext();
+    } else {
       MIREL_TRACE(TRACE_RTO_FAILURE, TASK_OPERATION, " osapiMessageReceive failed.\n");
       exit(EXIT_SUCCESS);
     }
-    const std::unique_ptr<const rto_extRoute_msg> msg(received);
-    rtoExternalRouteReport(*msg);
   }
+}
+
+// The search is through when it finds nothing from the first slot to the last, since records move when others are removed.
+bool rtoWithdrawNext() {
+  bool whole = resync.slot == 0;
+  while (resync.withdrawing && !resync.unanswered) {
+    if (resync.slot >= rtoKnownRoutes.capacity()) {
+      if (whole) {
+        break;
+      }
+      whole = true;
+      resync.slot = 0;
+      continue;
+    }
+    RtoKnownRoute &known = rtoKnownRoutes.at(resync.slot);
+    if (known.flags == 0 || (known.is(RTO_KNOWN_SEEN) && !known.is(RTO_KNOWN_GONE))) {
+      ++resync.slot;
+    } else if (known.is(RTO_KNOWN_HELD)) {
+      withdraw(RtoKnownRoute(known));
+      return true;
+    } else {
+      rtoKnownRoutes.erase(&known);
+      whole = false;
+    }
+  }
+  resync.withdrawing = false;
+  return false;
 }
 
 void rtoExternalRouteReport(const rto_extRoute_msg &msg) {
-  for (const auto &action : ACTIONS) {
-    if (action.action == msg.action) {
-      actionPerform(action, msg.ipv4);
-      return;
+  switch (msg.action) {
+  case RT_RESYNC_ROUTE:
+    return dumpedCompare(ADDITION, msg.ipv4);
+  case RT_RESYNC_ROUTE6:
+    return dumpedCompare(ADDITION6, msg.ipv6);
+  case RT_RESYNC_BEGIN:
+    return resyncBegin();
+  case RT_RESYNC_END:
+    return resyncEnd();
+  default:
+    if (!notificationReport(ACTIONS, msg.action, msg.ipv4) && !notificationReport(ACTIONS6, msg.action, msg.ipv6)) {
+      qvproc_logf(SEVERITY_ERROR, COMPONENT_RTO_NETLINK, LOG_AREA, __LINE__, "Action %d not supported ", msg.action);
     }
   }
-  for (const auto &action : ACTIONS6) {
-    if (action.action == msg.action) {
-      actionPerform(action, msg.ipv6);
-      return;
-    }
-  }
-  qvproc_logf(SEVERITY_ERROR, COMPONENT_RTO_NETLINK, LOG_AREA, __LINE__, "Action %d not supported ", msg.action);
-}
-
-RtoStatus mirelToRtoRouteAdd(const ExtRoute &route) {
-  return routeReport(ADD_CALL, route, "mirelToRtoRouteAdd");
-}
-
-RtoStatus mirelToRtoRouteDelete(const ExtRoute &route) {
-  return routeReport(DELETE_CALL, route, "mirelToRtoRouteDelete");
-}
-
-RtoStatus mirelToRtoRoute6Add(const ExtRoute6 &route) {
-  return routeReport(ADD_CALL, route, "mirelToRtoRoute6Add");
-}
-
-RtoStatus mirelToRtoRoute6Delete(const ExtRoute6 &route) {
-  return routeReport(DELETE_CALL, route, "mirelToRtoRoute6Delete");
 }

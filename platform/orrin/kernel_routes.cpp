@@ -86,7 +86,8 @@ int32_t addKernelRoute(Switch &sw, Vrf &vrf, const KernelRoute &route) {
 
 int32_t deleteKernelRoute(Switch &sw, Vrf &vrf, const KernelRoute &route) {
   const auto held = vrf.kernelRoutes.find(route.key);
-  if (held == vrf.kernelRoutes.end() || held->second != route) {
+  const bool anyHops = route.hops.empty() && !route.reject && !route.discard;
+  if (held == vrf.kernelRoutes.end() || (!anyHops && held->second != route)) {
     return TARN_REFUSED;
   }
   sw.journal.append(goneLine(vrf, route.key));

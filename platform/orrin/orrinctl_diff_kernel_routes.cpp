@@ -18,7 +18,7 @@ constexpr uint32_t BROADCAST_ADDRESS = UINT32_MAX;
 
 using orrin::IpAddress;
 using orrin::KernelRoute;
-using KernelRoutes = std::map<KernelRoute::Key, KernelRoute>;
+using KernelRoutes = std::multimap<KernelRoute::Key, KernelRoute>; // the switch holds one of a key, the kernel may hold more
 
 struct RouteFields {
   IpAddress gateway;
@@ -85,7 +85,7 @@ public:
     if (fields.table != RT_TABLE_MAIN || !isReported(route, *header) || !addHop(route, fields)) {
       return;
     }
-    routes.insert_or_assign(route.key, route);
+    routes.emplace(route.key, route);
   }
 
   KernelRoutes routes;
@@ -159,11 +159,11 @@ std::string compareKernelRoutes(const MirrorVrf &vrf, DeviceNames & /*devices*/,
     }
   };
   for (const auto &[key, route] : vrf.kernelRoutes) {
-    const auto have = reader.routes.find(key);
-    if (have == reader.routes.end()) {
+    const auto [first, last] = reader.routes.equal_range(key);
+    if (first == last) {
       report('-', key, wordsOf(route));
-    } else if (have->second != route) {
-      report('~', key, " switch" + wordsOf(route) + ", kernel" + wordsOf(have->second));
+    } else if (std::none_of(first, last, [&route](const auto &have) { return have.second == route; })) {
+      report('~', key, " switch" + wordsOf(route) + ", kernel" + wordsOf(first->second));
     }
   }
   for (const auto &[key, route] : reader.routes) {

@@ -3,12 +3,15 @@ when more is going on than the agent can listen to."""
 
 import contextlib
 import json
+import os
+import pathlib
 import re
 import signal
 
 import labnet
 from labnet import until, until_all_mirrored
 
+PATIENCE = int(os.environ.get("MIREL_PATIENCE", 1))
 CONNECTED = {("10.1.0.0/24", "kernel proto 7 via 0.0.0.0 interface 301"),
              ("10.2.0.0/24", "kernel proto 7 via 0.0.0.0 interface 302")}
 
@@ -69,12 +72,12 @@ def installed(agent):
 
 
 @contextlib.contextmanager
-def stopped(agent):
-    agent.child.send_signal(signal.SIGSTOP)
+def stopped(process):
+    process.child.send_signal(signal.SIGSTOP)
     try:
         yield
     finally:
-        agent.child.send_signal(signal.SIGCONT)
+        process.child.send_signal(signal.SIGCONT)
 
 
 def foreign(first, count):
@@ -138,16 +141,100 @@ def test_own_routes_take_no_room_from_those_of_others():
     assert counts(agent)["RTO netlink socket receive errors"] == 0
 
 
-def test_what_a_stopped_agent_has_missed_is_made_good():
-    """Far more announcements than the socket holds, while the agent cannot read one of them."""
+QUIET_SECONDS = 10  # after which the switch equals the kernel, whatever was lost
+
+
+def until_synchronised(system):
+    blue = system.vrfs[0]
+    until(lambda: not labnet.differences(blue, ("kernel-routes",)), QUIET_SECONDS * PATIENCE,
+          lambda: f"the switch holds the kernel's routes; {counts(system.agents[0])}, differences: "
+                  f"{labnet.differences(blue, ('kernel-routes',))[:1000]}")
+
+
+def test_notifications_lost_while_the_agent_is_stopped():
+    """More than the socket holds; then changes that arrive while the dump is read. Losses hide withdrawals too."""
     system = labnet.start_system()
     blue, agent = system.vrfs[0], system.agents[0]
     until_kernel_routes(system, CONNECTED)
-    prefixes, shown = foreign(22, 20000)
+    early, late = foreign(22, 20000)[0], foreign(25, 300)[0]
     with stopped(agent):
-        ip_route(blue, "add", [f"{prefix} via 10.1.0.2" for prefix in prefixes])
-        assert kernel_routes(system) == CONNECTED
-    until(lambda: how_many(system) == len(CONNECTED | shown), 45, lambda: f"the switch knows {how_many(system)} kernel routes")
-    assert kernel_routes(system) == CONNECTED | shown
+        ip_route(blue, "add", [f"{prefix} via 10.1.0.2" for prefix in early])
+    until(lambda: how_many(system) > 2000, 10, "the resync has begun")
+    ip_route(blue, "add", [f"{prefix} via 10.1.0.2" for prefix in late])
+    ip_route(blue, "del", early[:300])
+    until_synchronised(system)
+    assert how_many(system) == len(CONNECTED) + 20000
     assert counts(agent)["RTO netlink socket receive errors"] > 0, "the socket overflowed"
+    with stopped(agent):
+        ip_route(blue, "del", early[300:])
+    until_synchronised(system)
+    assert how_many(system) == len(CONNECTED) + 300
+    until_all_mirrored(blue)
+
+
+def test_a_switch_that_does_not_answer_loses_no_route():
+    """A call that is not answered fails after five seconds."""
+    system = labnet.start_system()
+    blue, agent = system.vrfs[0], system.agents[0]
+    prefixes, shown = foreign(26, 50)
+    ip_route(blue, "add", [f"{prefix} via 10.1.0.2" for prefix in prefixes[:10]])
+    until_kernel_routes(system, CONNECTED | {row for row in shown if row[0] in prefixes[:10]})
+    with stopped(system.switch):
+        ip_route(blue, "add", [f"{prefixes[10]} via 10.1.0.2"])
+        until(lambda: counts(agent)["unsuccessful route add"], 10, "the report fails")
+        ip_route(blue, "del", prefixes[:10])
+        ip_route(blue, "add", [f"{prefix} via 10.1.0.2" for prefix in prefixes[11:]])
+    until_synchronised(system)
+    assert how_many(system) == len(CONNECTED) + 40
+
+
+def bird(blue):
+    """A routing daemon that exports static routes; returns its process and the function that gives it others."""
+    folder = pathlib.Path("/tmp/bird")
+    folder.mkdir()
+
+    def configure(routes, control=True):
+        statics = "".join(f"protocol static static_{family} {{ {family};\n{''.join(routes.get(family, []))}}}\n"
+                          f"protocol kernel {{ {family} {{ export all; }}; }}\n" for family in ("ipv4", "ipv6"))
+        (folder / "conf").write_text(f"router id 10.1.0.1;\nprotocol device {{}}\n{statics}")
+        if control:
+            labnet.run("birdc", "-s", folder / "control", "configure")
+
+    configure({}, control=False)
+    daemon = labnet.Process("bird", labnet.in_netns(blue.name, "bird", "-f", "-c", folder / "conf", "-s", folder / "control"))
+    daemon.start()
+    until((folder / "control").exists, 10, "bird answers")
+    return daemon, configure
+
+
+def test_a_routing_daemon():
+    """It exports more at once than the queue holds, moves most, withdraws some, is killed and leaves the rest behind."""
+    system = labnet.start_system()
+    blue, agent = system.vrfs[0], system.agents[0]
+    labnet.ip("addr", "add", "2001:db8::1/64", "dev", "rt1", "nodad", ns=blue.name)
+    until_all_mirrored(blue)
+    daemon, configure = bird(blue)
+    prefixes, prefixes6 = foreign(27, 10000)[0], [f"2001:db8:1:{number:x}::/64" for number in range(2000)]
+
+    def routes(moved):
+        return {"ipv4": [f"route {prefix} via 10.{2 if moved and index % 4 else 1}.0.2;\n"
+                         for index, prefix in enumerate(prefixes) if not moved or index % 8],
+                "ipv6": [f"route {prefix} via 2001:db8::{3 if moved else 2};\n"
+                         for index, prefix in enumerate(prefixes6) if not moved or index % 2]}
+
+    def in_kernel(count):
+        exported = lambda: sum(labnet.run("ip", "-n", blue.name, family, "route", "show", "proto", "bird").count("\n") for family in ("-4", "-6"))
+        until(lambda: exported() == count, 20 * PATIENCE, lambda: f"the kernel has {exported()} routes of bird, not {count}")
+        until_synchronised(system)
+
+    configure(routes(moved=False))
+    in_kernel(12000)
+    assert counts(agent)["queue drops while queueing to qv-ext-route-task"] > 0, "the queue was too short"
+    configure(routes(moved=True))
+    in_kernel(9750)
+    daemon.kill()
+    configure({}, control=False)
+    in_kernel(9750)
+    daemon.start()  # withdraws what is left of its own
+    in_kernel(0)
     until_all_mirrored(blue)

@@ -13,12 +13,10 @@
 #include <cerrno>
 #include <cstring>
 #include <ctime>
-#include <iterator>
-#include <poll.h>
 #include <pthread.h>
-#include <sys/eventfd.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 Counter numRtoNetlinkRxErrors;
@@ -59,7 +57,7 @@ bool buffersEnlarge(int sock) {
   return true;
 }
 
-bool localAddressBind(int sock, uint32_t groups) {
+bool localAddressBind(int sock, uint32_t groups, uint32_t &port) {
   sockaddr_nl local{};
   local.nl_family = AF_NETLINK;
   local.nl_groups = groups;
@@ -82,28 +80,32 @@ bool localAddressBind(int sock, uint32_t groups) {
                 local.nl_family);
     return false;
   }
+  port = local.nl_pid;
   return true;
 }
 
-void eventWait(int sock, int msec) {
-  pollfd events[] = {{.fd = sock, .events = POLLIN, .revents = 0},
-                     {.fd = rtoResyncWakeFd, .events = POLLIN, .revents = 0}};
-  if (poll(events, std::size(events), msec) > 0 && events[1].revents != 0) {
-    eventfd_t requests;
-    eventfd_read(rtoResyncWakeFd, &requests);
+// As recvmsg(), without waiting longer than so long; 0 = without limit.
+ssize_t timedReceive(RtoNetlinkHandle *handle, msghdr *message, uint32_t msec) {
+  if (msec != handle->timeoutMsec) {
+    const timeval limit{.tv_sec = msec / 1000, .tv_usec = static_cast<suseconds_t>(msec % 1000) * 1000};
+    setsockopt(handle->fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+    handle->timeoutMsec = msec;
   }
+  return recvmsg(handle->fd, message, 0);
 }
 
 // As recvmsg(). The dump goes on only when there is no notification to read: after a loss the kernel also drops further
 // notifications, without a new error, until the socket's queue is empty.
-ssize_t datagramReceive(const RtoNetlinkHandle *handle, RtoDump &dump, msghdr *message) {
+ssize_t datagramReceive(RtoNetlinkHandle *handle, RtoDump &dump, msghdr *message) {
   for (;;) {
-    const ssize_t received = recvmsg(handle->fd, message, MSG_DONTWAIT);
+    const bool ready = dump.ready();
+    const ssize_t received =
+        ready ? recvmsg(handle->fd, message, MSG_DONTWAIT) : timedReceive(handle, message, dump.waitMsec());
     if (received >= 0 || errno != EAGAIN) {
       return received;
     }
-    if (!dump.step()) {
-      eventWait(handle->fd, dump.waitMsec());
+    if (ready) {
+      dump.step();
     }
   }
 }
@@ -131,7 +133,9 @@ void *rtoNetlinkLinuxUpdatesHandler(void *) {
       osapiSleepMSec(REOPEN_MSEC);
       continue;
     }
+    rtoListenerPort = handle.port;
     rtoNetlinkListen(&handle, rtoAcceptMsg);
+    rtoListenerPort = 0;
     qvproc_logf(SEVERITY_CRITICAL, COMPONENT_RTO_NETLINK, LOG_AREA, __LINE__,
                 "RtNetlink failed to listen to netlink socket.");
     rtoNetlinkSocketClose(&handle);
@@ -150,10 +154,11 @@ int rtoNetlinkSocketOpen(RtoNetlinkHandle *handle, uint32_t groups, int protocol
     return 1;
   }
   netlinkOwnRoutesDrop(sock.get());
-  if (!buffersEnlarge(sock.get()) || !localAddressBind(sock.get(), groups)) {
+  uint32_t port = 0;
+  if (!buffersEnlarge(sock.get()) || !localAddressBind(sock.get(), groups, port)) {
     return 1;
   }
-  *handle = {.fd = sock.release(), .sequence = static_cast<uint32_t>(time(nullptr))};
+  *handle = {.fd = sock.release(), .port = port, .sequence = static_cast<uint32_t>(time(nullptr))};
   return 0;
 }
 

@@ -6,6 +6,7 @@
 #include "mirel_show.h"
 #include "netlink_attr.h"
 
+#include <atomic>
 #include <memory>
 
 // ---- the message from listener to task
@@ -104,7 +105,9 @@ int rtoNetlinkFini();
 
 struct RtoNetlinkHandle {
   int fd = -1;
-  uint32_t sequence = 0; // of requests; starts with the time of the set-up
+  uint32_t port = 0;        // as the kernel assigned it
+  uint32_t timeoutMsec = 0; // of a receive, 0 = none
+  uint32_t sequence = 0;    // of requests; starts with the time of the set-up
 };
 
 // The thread: sets the socket up, listens, and starts again when that fails.
@@ -146,10 +149,13 @@ bool rtoMessageSend(std::unique_ptr<rto_extRoute_msg> msg);
 // ---- resync, after a loss
 
 // Asks the listener for a dump of the kernel's main table, by which the task finds what RTO lacks and what it holds too
-// much. Any thread; requests that come before the dump begins are one.
+// much. Listener's thread; requests that come before the dump begins are one.
 void rtoResyncRequest();
 
-extern int rtoResyncWakeFd; // an eventfd that wakes the listener for a request; -1 outside rtoNetlinkInit() and -Fini()
+// The same from any thread: also wakes the listener, by a message to its socket that means nothing.
+void rtoResyncRequestAndWake();
+
+extern std::atomic<uint32_t> rtoListenerPort; // of the listener's netlink socket; 0 = there is none
 
 extern uint32_t rtoWithdrawalCount; // withdrawals that the listener has read; its own
 

@@ -10,18 +10,16 @@
 #include <cstring>
 #include <memory>
 #include <new>
-#include <sys/eventfd.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 uint32_t rtoWithdrawalCount = 0;
-int rtoResyncWakeFd = -1;
+std::atomic<uint32_t> rtoListenerPort = 0;
 
 namespace {
 
 constexpr uint32_t INTERVAL_MSEC_MIN = 1000;
 constexpr uint32_t INTERVAL_MSEC_MAX = 4000;
-constexpr int ROOM_MSEC_MAX = 64;
+constexpr uint32_t ROOM_MSEC_MAX = 64;
 
 // The most that the kernel puts into a datagram. It ends the table, as if it were complete, at a route that is too long for
 // the buffer it is read into: one of 500 next hops for 8192 bytes.
@@ -90,41 +88,57 @@ bool meansEmpty(int error) {
 } // namespace
 
 void rtoResyncRequest() {
-  if (!requested.exchange(true)) {
-    eventfd_write(rtoResyncWakeFd, 1);
-  }
+  requested = true;
 }
 
-bool RtoDump::step() {
-  if (stage_ == Stage::IDLE && (!requested || pace.since() < pace.interval)) {
-    return false;
+// A socket that is full needs no message: its listener is awake.
+void rtoResyncRequestAndWake() {
+  const uint32_t port = rtoListenerPort;
+  if (requested.exchange(true) || port == 0) {
+    return;
   }
-  const bool taken = queueHasRoom() && stepTake();
-  roomMsec_ = taken ? ROOM_MSEC_MIN : std::min(2 * roomMsec_, ROOM_MSEC_MAX);
-  return taken;
+  const UniqueFd sock(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE));
+  sockaddr_nl listener{};
+  listener.nl_family = AF_NETLINK;
+  listener.nl_pid = port;
+  nlmsghdr nothing{};
+  nothing.nlmsg_len = sizeof nothing;
+  nothing.nlmsg_type = NLMSG_NOOP;
+  sendto(sock.get(), &nothing, sizeof nothing, MSG_DONTWAIT, reinterpret_cast<const sockaddr *>(&listener),
+         sizeof listener);
 }
 
-bool RtoDump::stepTake() {
+bool RtoDump::due() const {
+  return stage_ != Stage::IDLE || (requested && pace.since() >= pace.interval);
+}
+
+bool RtoDump::ready() const {
+  return due() && queueHasRoom();
+}
+
+uint32_t RtoDump::waitMsec() {
+  if (due()) {
+    roomMsec_ = std::min(2 * roomMsec_, ROOM_MSEC_MAX);
+    return roomMsec_;
+  }
+  return requested ? pace.interval - std::min(pace.since(), pace.interval - 1) : 0;
+}
+
+void RtoDump::step() {
+  roomMsec_ = ROOM_MSEC_MIN;
   switch (stage_) {
   case Stage::IDLE:
-    return begin();
+    begin();
+    break;
   case Stage::END:
     end();
-    return true;
+    break;
   default:
-    return partRead();
+    partRead();
   }
 }
 
-int RtoDump::waitMsec() const {
-  if (stage_ == Stage::IDLE && !requested) {
-    return -1;
-  }
-  const uint32_t since = pace.since();
-  return stage_ == Stage::IDLE && since < pace.interval ? static_cast<int>(pace.interval - since) : roomMsec_;
-}
-
-bool RtoDump::begin() {
+void RtoDump::begin() {
   pace.begin();
   requested = false; // what is lost from now on requests another
   complete_ = true;
@@ -135,9 +149,7 @@ bool RtoDump::begin() {
   setsockopt(sock_.get(), SOL_NETLINK, NETLINK_GET_STRICT_CHK, &on, sizeof on);
   if (!markSend(RT_RESYNC_BEGIN) || !stageEnter(Stage::PREPARE)) {
     breakOff();
-    return false;
   }
-  return true;
 }
 
 bool RtoDump::stageEnter(Stage stage) {
@@ -155,16 +167,15 @@ bool RtoDump::stageEnter(Stage stage) {
   }
 }
 
-bool RtoDump::partRead() {
+// The kernel has made a part when the one before it is read, or the request sent: there is nothing to wait for.
+void RtoDump::partRead() {
   const ssize_t received = recv(sock_.get(), partBuffer.data(), partBuffer.size(), MSG_DONTWAIT);
-  if (received < 0 && (errno == EAGAIN || errno == EINTR)) {
-    return false;
+  if (received < 0 && errno == EINTR) {
+    return;
   }
   if (received <= 0 || !messagesProcess(NetlinkBytes(partBuffer).first(static_cast<size_t>(received)))) {
     breakOff();
-    return false;
   }
-  return true;
 }
 
 bool RtoDump::messagesProcess(NetlinkBytes part) {

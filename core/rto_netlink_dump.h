@@ -14,20 +14,22 @@ class RtoDump {
 public:
   explicit RtoDump(RtoNetlinkHandle *handle) : handle_(handle) {}
 
-  // Takes one step, if one is due and the queue has room for what it brings. Returns whether it did. The caller has read
-  // every notification there is.
-  bool step();
+  // Whether a step can be taken now: a dump is under way, or requested and due, and the queue has room for a part.
+  bool ready() const;
 
-  // Milliseconds until the next step may be due, -1 = not before a request.
-  int waitMsec() const;
+  // Milliseconds after which that may have changed; 0 = not before the next request.
+  uint32_t waitMsec();
+
+  // Takes one step. The caller has read every notification there is.
+  void step();
 
 private:
-  static constexpr int ROOM_MSEC_MIN = 1;
+  static constexpr uint32_t ROOM_MSEC_MIN = 1;
   enum class Stage { IDLE, PREPARE, IPV6, IPV4, END };
 
-  bool stepTake();
-  bool begin();
-  bool partRead();
+  bool due() const;
+  void begin();
+  void partRead();
   bool messagesProcess(NetlinkBytes part); // false: the dump cannot go on
   bool stageEnter(Stage stage);
   void end();
@@ -36,7 +38,7 @@ private:
   RtoNetlinkHandle *handle_; // its sequence numbers
   UniqueFd sock_;
   Stage stage_ = Stage::IDLE;
-  int roomMsec_ = ROOM_MSEC_MIN; // until the queue is looked at again; doubles while it has no room
-  bool complete_ = false;        // no reason yet why a route of the table could be missing from the dump
-  uint32_t withdrawals_ = 0;     // rtoWithdrawalCount at the begin
+  uint32_t roomMsec_ = ROOM_MSEC_MIN; // until the queue is looked at again; doubles while it has no room
+  bool complete_ = false;             // no reason yet why a route of the table could be missing from the dump
+  uint32_t withdrawals_ = 0;          // rtoWithdrawalCount at the begin
 };

@@ -12,8 +12,6 @@
 #include <cstring>
 #include <memory>
 #include <pthread.h>
-#include <sys/eventfd.h>
-#include <unistd.h>
 
 osapiMsgQueue *extRouteQueue = nullptr;
 Counter numExtRouteAdds;
@@ -136,7 +134,7 @@ template <typename Route> RtoStatus reportMake(const RouteAction<Route> &action,
   const RtoStatus status = action.report(route);
   if (status == RTO_FAILURE) {
     resync.unanswered = resync.unanswered || currentGetTime() - start > ANSWER_SECONDS_MAX;
-    rtoResyncRequest();
+    rtoResyncRequestAndWake();
   }
   return status;
 }
@@ -286,7 +284,6 @@ int rtoNetlinkInit() {
     MIREL_LOG(SEVERITY_ERROR, "ERROR: Failed to create RtoNetlink-rtoExtRoute_queue.");
     exit(EXIT_SUCCESS);
   }
-  rtoResyncWakeFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK); // without one a request waits for the next notification
   threadStart(rtoNetlinkLinuxUpdatesHandler,
               "[VRF \"%s\"]: Failed to create RtoNetlink-LinuxUpdatesHandler thread. Error %d.");
   threadStart(qv_extRouteProc_task, "[VRF \"%s\"]: Failed to create RtoNetlink-ExtRoutesProcess thread. Error %d.");
@@ -302,8 +299,6 @@ int rtoNetlinkFini() {
     osapiMsgQueueDelete(extRouteQueue);
     extRouteQueue = nullptr;
   }
-  close(rtoResyncWakeFd);
-  rtoResyncWakeFd = -1;
   rtoKnownRoutes.removeAll();
   resync = {};
   return 0;

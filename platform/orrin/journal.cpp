@@ -16,6 +16,7 @@ namespace orrin {
 namespace {
 
 constexpr std::string_view GENERATION = "# generation ";
+constexpr std::string_view NAMES[2] = {"config", "journal"};
 constexpr mode_t FOLDER_MODE = 0700;
 constexpr mode_t FILE_MODE = 0600;
 
@@ -106,7 +107,6 @@ bool Journal::open(const std::string &folder, std::string &error) {
 }
 
 bool Journal::load(std::string &error) {
-  constexpr std::string_view NAMES[2] = {"config", "journal"};
   for (int index = 0; index < 2; ++index) {
     if (!readFile(path(NAMES[index]), loaded_[index])) {
       return failed(error, path(NAMES[index]));
@@ -120,8 +120,19 @@ bool Journal::load(std::string &error) {
   return true;
 }
 
-bool Journal::replay(const Apply &apply, std::string &error) {
-  const std::string names[2] = {path("config"), path("journal")};
+bool Journal::setAside(std::string &error) const {
+  for (const std::string_view name : NAMES) {
+    const std::string kept = path(name) + ".refused";
+    unlink(kept.c_str());
+    if (link(path(name).c_str(), kept.c_str()) != 0 && errno != ENOENT) {
+      return failed(error, kept);
+    }
+  }
+  return true;
+}
+
+bool Journal::replay(const Apply &apply, std::string &complaint) {
+  size_t refused = 0;
   for (int index = 0; index < 2; ++index) {
     size_t number = 0;
     const std::string text = std::move(loaded_[index]);
@@ -130,14 +141,17 @@ bool Journal::replay(const Apply &apply, std::string &error) {
     for (size_t end = rest.find('\n'); end != std::string_view::npos; end = rest.find('\n')) {
       ++number;
       std::string reason;
-      if (!apply(rest.substr(0, end), reason)) {
-        error = names[index] + ":" + std::to_string(number) + ": " + reason;
-        return false;
+      if (!apply(rest.substr(0, end), reason) && ++refused == 1) {
+        complaint = path(NAMES[index]) + ":" + std::to_string(number) + ": " + reason;
       }
       rest.remove_prefix(end + 1);
     }
   }
-  return true;
+  if (refused == 0) {
+    return true;
+  }
+  complaint += "; left out, with " + std::to_string(refused - 1) + " more lines; the files are kept as *.refused";
+  return setAside(complaint);
 }
 
 UniqueFd Journal::writeNew(const std::string &name, std::string_view text, uint64_t generation,

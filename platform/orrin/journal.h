@@ -22,8 +22,10 @@ public:
   // Another one for each start.
   uint64_t generation() const { return generation_; }
 
-  // Gives out the kept state, line by line. False with "file:line: reason".
-  bool replay(const Apply &apply, std::string &error);
+  // Gives out the kept state, line by line. Lines that `apply` refuses are left out; `complaint` then names the first, as
+  // "file:line: reason", and the files stay beside the next ones as config.refused and journal.refused. False when they
+  // cannot.
+  bool replay(const Apply &apply, std::string &complaint);
   bool hadState() const { return hadState_; }
 
   // Replaces all that is kept by these lines. False, with the reason, when what was kept is still kept instead.
@@ -48,6 +50,7 @@ private:
 
   bool load(std::string &error);
   std::string path(std::string_view name) const;
+  bool setAside(std::string &error) const;
   UniqueFd writeNew(const std::string &name, std::string_view text, uint64_t generation, std::string &error) const;
   bool moveInPlace(const std::string &name, std::string &error) const;
 

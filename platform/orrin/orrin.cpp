@@ -108,6 +108,9 @@ bool configure(Switch &sw, const Options &options) {
   if (!sw.journal.replay(apply, error)) {
     return fail(error);
   }
+  if (!error.empty()) {
+    fail(error);
+  }
   sw.restoring = false;
   for (const auto &[id, vrf] : sw.vrfs) {
     if (!createRestartRecord(id, error)) {

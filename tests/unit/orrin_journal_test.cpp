@@ -24,23 +24,23 @@ protected:
   void TearDown() override { std::filesystem::remove_all(folder); }
 
   // What a start reads.
-  Lines lines(std::string *error = nullptr) {
+  Lines lines(std::string *complaint = nullptr) {
     Journal journal;
     std::string why;
     EXPECT_TRUE(journal.open(folder, why)) << why;
     Lines read;
-    const bool good = journal.replay(
-        [&](std::string_view line, std::string &reason) {
-          if (!line.starts_with('#')) {
-            read.emplace_back(line);
-          }
-          reason = "wrong";
-          return line != "bad";
-        },
-        why);
-    EXPECT_EQ(good, error == nullptr) << why;
-    if (error != nullptr) {
-      *error = why;
+    const auto apply = [&](std::string_view line, std::string &reason) {
+      if (line != "bad" && !line.starts_with('#')) {
+        read.emplace_back(line);
+      }
+      reason = "wrong";
+      return line != "bad";
+    };
+    EXPECT_TRUE(journal.replay(apply, why)) << why;
+    EXPECT_EQ(why.empty(), complaint == nullptr) << why;
+    if (complaint != nullptr) {
+      *complaint = why;
+      EXPECT_TRUE(journal.rewrite("", why)) << why;
     }
     return read;
   }
@@ -67,7 +67,7 @@ TEST_F(OrrinJournal, ReadsConfigAndJournalAndTakesOverBoth) {
     Journal journal;
     ASSERT_TRUE(journal.open(folder + "/deeper/still", error)) << error;
     journal.append("before any file");
-    ASSERT_TRUE(journal.replay([](std::string_view, std::string &) { return false; }, error));
+    ASSERT_TRUE(journal.replay([](std::string_view, std::string &) { return false; }, error) && error.empty());
     EXPECT_FALSE(journal.hadState());
     ASSERT_TRUE(journal.rewrite("one\n", error)) << error;
     journal.append("two");
@@ -174,11 +174,17 @@ TEST_F(OrrinJournal, AHalfRewriteAcceptsNothing) {
   EXPECT_FALSE(journal.wantsRewrite());
 }
 
-TEST_F(OrrinJournal, ABadLineIsNamed) {
-  write("config", "# generation 1\nfine\nbad\n");
-  std::string error;
-  lines(&error);
-  EXPECT_EQ(error, folder + "/config:3: wrong");
+// Another version may have accepted them.
+TEST_F(OrrinJournal, RefusedLinesAreLeftOutAndTheFilesKept) {
+  const std::string config = "# generation 1\nfine\nbad\nbad\ngood\n";
+  write("config", config);
+  write("journal", "# generation 1\nbad\nlast\n");
+  std::string complaint;
+  EXPECT_EQ(lines(&complaint), (Lines{"fine", "good", "last"}));
+  EXPECT_EQ(complaint, folder + "/config:3: wrong; left out, with 2 more lines; the files are kept as *.refused");
+  std::ifstream kept(folder + "/config.refused");
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(kept), {}), config) << "also when the state has been rewritten";
+  EXPECT_TRUE(std::filesystem::exists(folder + "/journal.refused"));
 }
 
 } // namespace

@@ -219,8 +219,8 @@ def add_tunnel_devices(vrf):
 
 
 def interface_of(vrf, number):
-    """The switch's number of the interface whose device is rt<number>."""
-    return vrf.id * 100 + number
+    """The switch's number of the interface whose device is rt<number>; at most 1033, so a VRF from 10 on has only one."""
+    return vrf.id * 100 + number if vrf.id < 10 else vrf.id
 
 
 def vrf_script(vrf, links=2):

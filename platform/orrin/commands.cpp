@@ -70,6 +70,14 @@ bool takeName(Words &words, std::string_view what, size_t longest, std::string &
   return true;
 }
 
+bool takeFileName(Words &words, std::string_view what, size_t longest, std::string &name, std::string &out) {
+  if (!takeName(words, what, longest, name, out)) {
+    return false;
+  }
+  const bool good = name.find('/') == std::string::npos && name != "." && name != "..";
+  return good || refuse(out, std::string(what) + ": \"" + name + "\" cannot name a file or device");
+}
+
 bool takeVrf(Switch &sw, Words &words, Vrf *&vrf, std::string &out) {
   uint32_t id = 0;
   if (!takeNumber(words, "vrf", id, out)) {
@@ -86,6 +94,11 @@ bool takeKnownVrf(Switch &sw, Words &words, Vrf *&vrf, std::string &out) {
 bool takeAddress(Words &words, uint32_t &address, std::string &out) {
   const std::string_view word = words.take();
   return (parseAddress(word, address) && address != 0) || refuse(out, notTheWord(word, "an address"));
+}
+
+bool takeHostAddress(Words &words, uint32_t &address, std::string &out) {
+  const std::string_view word = words.take();
+  return (parseAddress(word, address) && isHostAddress(address)) || refuse(out, notTheWord(word, "a unicast address"));
 }
 
 bool takeInterface(Switch &sw, Words &words, Interface *&interface, std::string &out) {

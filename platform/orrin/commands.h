@@ -82,9 +82,12 @@ bool takeVrf(Switch &sw, Words &words, Vrf *&vrf, std::string &out);
 // "vrf <id>".
 bool takeKnownVrf(Switch &sw, Words &words, Vrf *&vrf, std::string &out);
 bool takeAddress(Words &words, uint32_t &address, std::string &out);
+bool takeHostAddress(Words &words, uint32_t &address, std::string &out);
 bool takeInterface(Switch &sw, Words &words, Interface *&interface, std::string &out);
 // For commands that stand in the state folder only.
 bool onlyRestoring(const Switch &sw, std::string &out);
 bool takeName(Words &words, std::string_view what, size_t longest, std::string &name, std::string &out);
+// The same for what names a file or a kernel device.
+bool takeFileName(Words &words, std::string_view what, size_t longest, std::string &name, std::string &out);
 
 } // namespace orrin

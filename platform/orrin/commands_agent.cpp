@@ -133,8 +133,8 @@ bool arpAdd(Switch &sw, Words &words, std::string &out, OutcomeTaker answer) {
   uint32_t address = 0;
   uint32_t interface = 0;
   Mac mac{};
-  if (!takeKnownVrf(sw, words, vrf, out) || !takeAddress(words, address, out) || !takeKeyword(words, "mac", out) ||
-      !takeMac(words, mac, out) || !takeKeyword(words, "interface", out) ||
+  if (!takeKnownVrf(sw, words, vrf, out) || !takeHostAddress(words, address, out) || !takeKeyword(words, "mac", out) ||
+      !takeHostMac(words, mac, out) || !takeKeyword(words, "interface", out) ||
       !takeNumber(words, "interface", interface, out) || !takeEnd(words, out)) {
     return false;
   }

@@ -15,9 +15,9 @@ bool arpLearn(Switch &sw, Words &words, std::string &out) {
   Interface *interface = nullptr;
   uint32_t address = 0;
   Mac mac{};
-  if (!takeKnownVrf(sw, words, vrf, out) || !takeAddress(words, address, out) || !takeKeyword(words, "mac", out) ||
-      !takeMac(words, mac, out) || !takeKeyword(words, "interface", out) || !takeInterface(sw, words, interface, out) ||
-      !takeEnd(words, out)) {
+  if (!takeKnownVrf(sw, words, vrf, out) || !takeHostAddress(words, address, out) || !takeKeyword(words, "mac", out) ||
+      !takeHostMac(words, mac, out) || !takeKeyword(words, "interface", out) ||
+      !takeInterface(sw, words, interface, out) || !takeEnd(words, out)) {
     return false;
   }
   out = learnNeighbour(sw, *vrf, address, mac, *interface);

@@ -8,7 +8,7 @@ namespace orrin {
 
 namespace {
 
-constexpr uint32_t LONGEST_DELAY = 3600000; // milliseconds
+constexpr Range DELAYS = {1, 3600000}; // milliseconds
 
 // fault ...
 
@@ -40,11 +40,8 @@ bool takeFaultOption(Words &words, Fault &fault, std::string &out) {
     return takeResult(words, fault, out);
   }
   if (word == "delay" || word == "times") {
-    uint32_t &field = word == "delay" ? fault.delayMs : fault.times;
-    if (!takeNumber(words, word, field, out)) {
-      return false;
-    }
-    return (field != 0 && fault.delayMs <= LONGEST_DELAY) || refuse(out, std::string(word) + ": out of range");
+    return word == "delay" ? takeNumber(words, word, fault.delayMs, out, DELAYS)
+                           : takeNumber(words, word, fault.times, out, {1});
   }
   if (word == "drop") {
     fault.drop = true;

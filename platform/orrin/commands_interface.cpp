@@ -14,14 +14,23 @@ namespace orrin {
 
 namespace {
 
+constexpr Range NUMBERS = {1, INTERFACE_NUMBER_MAX};
+constexpr Range KERNEL_INDICES = {1, INT32_MAX};
+constexpr Range MTUS = {68, UINT16_MAX}; // as IPv4 needs and has room for
+constexpr Range MODES = {0, 1};
+constexpr Range LABELS = {0, INT32_MAX}; // the agent prints it as int
+constexpr Range VRRP_LABELS = {1, UINT8_MAX};
+constexpr Range VRRP_SLOTS = {0, std::tuple_size_v<decltype(VrrpGroup::addresses)> - 1};
+
 bool takeInterfaceOptions(Words &words, Interface &interface, std::string &out) {
   while (!words.atEnd()) {
     const std::string_view word = words.take();
-    uint32_t *field = word == "type" ? &interface.type : word == "index" ? &interface.index : nullptr;
-    if (field == nullptr) {
+    if (word != "type" && word != "index") {
       return refuse(out, "\"" + std::string(word) + "\" is no word of an interface");
     }
-    if (!takeNumber(words, word, *field, out)) {
+    const bool good = word == "type" ? takeNumber(words, word, interface.type, out)
+                                     : takeNumber(words, word, interface.index, out, KERNEL_INDICES);
+    if (!good) {
       return false;
     }
   }
@@ -38,23 +47,32 @@ Mac defaultMac(uint32_t number) {
           static_cast<uint8_t>(number)};
 }
 
+// No two have the same number or name, nor the same device in a VRF.
+bool isNew(const Switch &sw, const Interface &interface, std::string &out) {
+  for (const auto &[number, other] : sw.interfaces) {
+    const bool sameDevice = other.vrf == interface.vrf && other.device == interface.device;
+    if (number == interface.number || other.name == interface.name || sameDevice) {
+      return refuse(out, "there is an interface " + std::to_string(number) + " \"" + other.name + "\" with device \"" +
+                             other.device + "\" already");
+    }
+  }
+  return true;
+}
+
 bool interfaceAdd(Switch &sw, Words &words, std::string &out) {
   Interface interface;
   Vrf *vrf = nullptr;
-  if (!takeNumber(words, "interface", interface.number, out) || !takeKeyword(words, "vrf", out) ||
+  if (!takeNumber(words, "interface", interface.number, out, NUMBERS) || !takeKeyword(words, "vrf", out) ||
       !takeVrf(sw, words, vrf, out) || !takeKeyword(words, "name", out) ||
       !takeName(words, "name", INTERFACE_NAME_MAX, interface.name, out) || !takeKeyword(words, "device", out) ||
-      !takeName(words, "device", INTERFACE_NAME_MAX, interface.device, out) ||
+      !takeFileName(words, "device", INTERFACE_NAME_MAX, interface.device, out) ||
       !takeInterfaceOptions(words, interface, out)) {
     return false;
   }
-  if (interface.number == 0) {
-    return refuse(out, "interface: 0 means none");
-  }
-  if (sw.interfaces.contains(interface.number)) {
-    return refuse(out, "there is an interface " + std::to_string(interface.number) + " already");
-  }
   interface.vrf = vrf->id;
+  if (!isNew(sw, interface, out)) {
+    return false;
+  }
   interface.mac = defaultMac(interface.number);
   sw.page.interface(interface);
   sendRouterEvent(sw, vrf->id, routerEvent(TARNR_RTR_INTF_CREATE, interface.number));
@@ -86,21 +104,22 @@ bool interfaceDel(Switch &sw, Words &words, std::string &out) {
 struct Setting {
   std::string_view word;
   uint32_t Interface::*field;
+  Range range;
   uint16_t event;
   ConfigChange change; // with a configuration event
 };
 
 constexpr Setting SETTINGS[] = {
-    {"mtu", &Interface::mtu, TARNR_RTR_INTF_MTU, {}},
-    {"bandwidth", &Interface::bandwidth, TARNR_RTR_INTF_BW_CHANGE, {}},
-    {"unreachables", &Interface::unreachables, TARNR_RTR_INTF_CFG_CHANGE, ConfigChange::UNREACHABLES},
-    {"redirects", &Interface::redirects, TARNR_RTR_INTF_CFG_CHANGE, ConfigChange::REDIRECTS},
+    {"mtu", &Interface::mtu, MTUS, TARNR_RTR_INTF_MTU, {}},
+    {"bandwidth", &Interface::bandwidth, {}, TARNR_RTR_INTF_BW_CHANGE, {}},
+    {"unreachables", &Interface::unreachables, MODES, TARNR_RTR_INTF_CFG_CHANGE, ConfigChange::UNREACHABLES},
+    {"redirects", &Interface::redirects, MODES, TARNR_RTR_INTF_CFG_CHANGE, ConfigChange::REDIRECTS},
 };
 
 bool takeSetting(Words &words, Interface &interface, std::string &out) {
   const std::string_view word = words.take();
   if (word == "mac") {
-    return takeMac(words, interface.mac, out);
+    return takeHostMac(words, interface.mac, out);
   }
   if (word == "no-address") {
     interface.primary.reset();
@@ -114,10 +133,31 @@ bool takeSetting(Words &words, Interface &interface, std::string &out) {
   }
   for (const Setting &setting : SETTINGS) {
     if (word == setting.word) {
-      return takeNumber(words, word, interface.*setting.field, out);
+      return takeNumber(words, word, interface.*setting.field, out, setting.range);
     }
   }
   return refuse(out, notTheWord(word, "a setting of an interface"));
+}
+
+bool overlap(const InterfaceAddress &one, const InterfaceAddress &other) {
+  return ((one.address ^ other.address) & prefixMask(std::min(one.length, other.length))) == 0;
+}
+
+// An interface has an address once, and the subnets of a VRF's interfaces do not overlap.
+bool mayHave(const Switch &sw, const Interface &interface, const InterfaceAddress &address, std::string &out) {
+  for (const auto &[number, other] : sw.interfaces) {
+    const bool own = number == interface.number;
+    const Interface &holder = own ? interface : other;
+    const auto clashes = [&](const InterfaceAddress &held) {
+      return own ? held.address == address.address : overlap(held, address);
+    };
+    if (holder.vrf == interface.vrf && ((holder.primary && clashes(*holder.primary)) ||
+                                        std::any_of(holder.secondaries.begin(), holder.secondaries.end(), clashes))) {
+      return refuse(out, "interface " + std::to_string(number) +
+                             (own ? " has that address already" : " is in that subnet already"));
+    }
+  }
+  return true;
 }
 
 bool samePrimary(const Interface &one, const Interface &other) {
@@ -137,6 +177,13 @@ bool interfaceSet(Switch &sw, Words &words, std::string &out) {
       return false;
     }
   } while (!words.atEnd());
+  if (wanted.primary && !samePrimary(before, wanted)) {
+    Interface others = wanted;
+    others.primary.reset();
+    if (!mayHave(sw, others, *wanted.primary, out)) {
+      return false;
+    }
+  }
   *interface = wanted;
   for (const Setting &setting : SETTINGS) {
     if (before.*setting.field != wanted.*setting.field) {
@@ -163,10 +210,11 @@ uint32_t freeIndex(const Interface &interface) {
 bool addSecondary(Switch &sw, Interface &interface, InterfaceAddress address, bool indexed, std::string &out) {
   auto &all = interface.secondaries;
   address.index = indexed ? address.index : freeIndex(interface);
-  for (const InterfaceAddress &each : all) {
-    if (each.order() == address.order() || each.index == address.index) {
-      return refuse(out, "the address or its index is there already");
-    }
+  if (!mayHave(sw, interface, address, out)) {
+    return false;
+  }
+  if (std::any_of(all.begin(), all.end(), [&](const auto &each) { return each.index == address.index; })) {
+    return refuse(out, "there is an index " + std::to_string(address.index) + " already");
   }
   all.insert(std::find_if(all.begin(), all.end(), [&](const auto &each) { return each.order() > address.order(); }),
              address);
@@ -196,23 +244,32 @@ bool interfaceSecondary(Switch &sw, Words &words, std::string &out) {
     return false;
   }
   const bool indexed = add && words.takeIf("index");
-  if ((indexed && !takeNumber(words, "index", address.index, out)) || !takeEnd(words, out)) {
+  if ((indexed && !takeNumber(words, "index", address.index, out, LABELS)) || !takeEnd(words, out)) {
     return false;
   }
   return add ? addSecondary(sw, *interface, address, indexed, out) : removeSecondary(sw, *interface, address, out);
 }
 
+bool holds(const VrrpGroup &group, uint32_t address) {
+  return std::find(group.addresses.begin(), group.addresses.end(), address) != group.addresses.end();
+}
+
 // "<a> [slot <n>]" once or more, each into its slot of `group`; without a slot into the first that is free in `taken` too.
-bool takeVrrpAddresses(Words &words, const VrrpGroup &taken, VrrpGroup &group, std::string &out) {
+bool takeVrrpAddresses(Words &words, const Interface &interface, const VrrpGroup &taken, VrrpGroup &group,
+                       std::string &out) {
   do {
-    const std::string_view word = words.take();
+    const std::string_view word = words.peek();
     uint32_t address = 0;
-    if (!parseAddress(word, address) || address == 0) {
-      return refuse(out, notTheWord(word, "an address"));
+    if (!takeHostAddress(words, address, out)) {
+      return false;
+    }
+    if (holds(group, address) || std::any_of(interface.vrrp.begin(), interface.vrrp.end(),
+                                             [address](const VrrpGroup &each) { return holds(each, address); })) {
+      return refuse(out, "interface " + std::to_string(interface.number) + " has that VRRP address already");
     }
     uint32_t slot = 0;
     if (words.takeIf("slot")) {
-      if (!takeNumber(words, "slot", slot, out)) {
+      if (!takeNumber(words, "slot", slot, out, VRRP_SLOTS)) {
         return false;
       }
     } else {
@@ -230,7 +287,7 @@ bool takeVrrpAddresses(Words &words, const VrrpGroup &taken, VrrpGroup &group, s
 
 bool addVrrp(Switch &sw, Interface &interface, Words &words, VrrpGroup &held, std::string &out) {
   VrrpGroup added{held.label, {}};
-  if (!takeVrrpAddresses(words, held, added, out)) {
+  if (!takeVrrpAddresses(words, interface, held, added, out)) {
     return false;
   }
   for (size_t slot = 0; slot < added.addresses.size(); ++slot) {
@@ -264,7 +321,7 @@ bool interfaceVrrp(Switch &sw, Words &words, std::string &out) {
   uint32_t label = 0;
   bool add = false;
   if (!takeInterface(sw, words, interface, out) || !takeKeyword(words, "label", out) ||
-      !takeNumber(words, "label", label, out) || !takeEither(words, "add", "del", add, out)) {
+      !takeNumber(words, "label", label, out, VRRP_LABELS) || !takeEither(words, "add", "del", add, out)) {
     return false;
   }
   auto &groups = interface->vrrp;

@@ -11,6 +11,12 @@ namespace orrin {
 
 namespace {
 
+// What the agent counts in microseconds fits 32 bits.
+constexpr Range FREQUENCIES = {1, UINT32_MAX / 1000000}; // seconds
+constexpr Range TIMEOUTS = {1, UINT32_MAX / 1000};       // milliseconds
+constexpr Range THRESHOLDS = {0, UINT32_MAX / 1000};
+constexpr Range SIZES = {0, UINT16_MAX - 20 - 8}; // an IPv4 datagram less its header and that of the echo request
+
 struct Operation {
   Vrf *vrf = nullptr;
   uint32_t number = 0;
@@ -25,21 +31,23 @@ bool takeSetting(Words &words, IpSlaOperation &settings, std::string &out) {
   const struct {
     std::string_view name;
     uint32_t &value;
-  } NUMBERS[] = {{"frequency", settings.frequency},
-                 {"threshold", settings.threshold},
-                 {"timeout", settings.timeout},
-                 {"size", settings.size}};
+    Range range;
+  } NUMBERS[] = {{"frequency", settings.frequency, FREQUENCIES},
+                 {"threshold", settings.threshold, THRESHOLDS},
+                 {"timeout", settings.timeout, TIMEOUTS},
+                 {"size", settings.size, SIZES}};
   for (const auto &row : NUMBERS) {
     if (word == row.name) {
-      return takeNumber(words, row.name, row.value, out);
+      return takeNumber(words, row.name, row.value, out, row.range);
     }
   }
   return refuse(out, notTheWord(word, "from, frequency, threshold, timeout or size"));
 }
 
-// vrf <id> <operation>. The number is the agent's to judge, if one is asked.
+// vrf <id> <operation>
 bool takeOperation(Switch &sw, Words &words, Operation &operation, std::string &out) {
-  return takeKnownVrf(sw, words, operation.vrf, out) && takeNumber(words, "operation", operation.number, out);
+  return takeKnownVrf(sw, words, operation.vrf, out) &&
+         takeNumber(words, "operation", operation.number, out, {1, IPSLA_OPERATION_MAX});
 }
 
 // ipsla start vrf <id> <operation> to <address> [from <address>] [frequency <s>] [threshold <ms>] [timeout <ms>]
@@ -62,9 +70,6 @@ bool ipSlaStartKept(Switch &sw, Words &words, std::string &out) {
   Operation operation;
   if (!takeStart(sw, words, operation, out)) {
     return false;
-  }
-  if (operation.number == 0 || operation.number > IPSLA_OPERATION_MAX) {
-    return refuse(out, "operations have the numbers 1 to " + std::to_string(IPSLA_OPERATION_MAX));
   }
   operation.vrf->operations[operation.number] = operation.settings;
   return true;

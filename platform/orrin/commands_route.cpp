@@ -24,7 +24,7 @@ bool editMany(Switch &sw, Words &words, RouteEdit edit, std::string &out) {
   uint32_t count = 0;
   if (!takeKeyword(words, "vrf", out) || !takeNumber(words, "vrf", route.vrf, out) ||
       !takePrefix(words, route.prefix, out) || !takeKeyword(words, "count", out) ||
-      !takeNumber(words, "count", count, out)) {
+      !takeNumber(words, "count", count, out, {1})) {
     return false;
   }
   const bool good = edit == RouteEdit::REMOVE ? takeEnd(words, out) : parseRouteAttrs(words, route.attrs, out);

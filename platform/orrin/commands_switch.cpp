@@ -15,28 +15,37 @@ namespace orrin {
 
 namespace {
 
-constexpr uint32_t LONGEST_PERIOD = 86400; // seconds
+constexpr Range PERIODS = {1, 86400};            // seconds
+constexpr Range KERNEL_NUMBERS = {0, INT32_MAX}; // settings of the kernel, and what the agent prints as int
 
 // vrf ...
 
+// A path, or the name of one that the system's tools keep.
+bool takeNamespace(Words &words, std::string &netns, std::string &out) {
+  return words.peek().starts_with('/') ? takeName(words, "netns", PATH_MAX - 1, netns, out)
+                                       : takeFileName(words, "netns", NAME_MAX, netns, out);
+}
+
 bool vrfAdd(Switch &sw, Words &words, std::string &out) {
   Vrf vrf;
-  if (!takeNumber(words, "vrf", vrf.id, out) || !takeName(words, "name", VRF_NAME_MAX, vrf.name, out)) {
+  if (!takeNumber(words, "vrf", vrf.id, out, KERNEL_NUMBERS) ||
+      !takeFileName(words, "name", VRF_NAME_MAX, vrf.name, out)) {
     return false;
   }
   vrf.interfaceName = "vrf" + std::to_string(vrf.id);
-  if (words.takeIf("interface") && !takeName(words, "interface", VRF_INTERFACE_NAME_MAX, vrf.interfaceName, out)) {
+  if (words.takeIf("interface") && !takeFileName(words, "interface", VRF_INTERFACE_NAME_MAX, vrf.interfaceName, out)) {
     return false;
   }
-  if (words.takeIf("netns") && !takeName(words, "netns", PATH_MAX, vrf.netns, out)) {
+  if (words.takeIf("netns") && !takeNamespace(words, vrf.netns, out)) {
     return false;
   }
   if (!takeEnd(words, out)) {
     return false;
   }
   for (const auto &[id, other] : sw.vrfs) {
-    if (id == vrf.id || other.name == vrf.name) {
-      return refuse(out, "there is a VRF " + std::to_string(id) + " \"" + other.name + "\" already");
+    if (id == vrf.id || other.name == vrf.name || (!vrf.netns.empty() && other.netns == vrf.netns)) {
+      return refuse(out, "there is a VRF " + std::to_string(id) + " \"" + other.name + "\"" +
+                             (other.netns.empty() ? "" : " netns " + other.netns) + " already");
     }
   }
   if (!sw.restoring && !createRestartRecord(vrf.id, out)) {
@@ -86,8 +95,8 @@ bool setRouting(Switch &sw, Words &words, Vrf &vrf, std::string &out) {
 bool setIcmpRatelimit(Switch &sw, Words &words, Vrf &vrf, std::string &out) {
   uint32_t burst = 0;
   uint32_t interval = 0;
-  if (!takeNumber(words, "burst", burst, out) || !takeNumber(words, "interval", interval, out) ||
-      !takeEnd(words, out)) {
+  if (!takeNumber(words, "burst", burst, out, KERNEL_NUMBERS) ||
+      !takeNumber(words, "interval", interval, out, KERNEL_NUMBERS) || !takeEnd(words, out)) {
     return false;
   }
   vrf.icmpBurst = burst;
@@ -98,7 +107,7 @@ bool setIcmpRatelimit(Switch &sw, Words &words, Vrf &vrf, std::string &out) {
 
 bool setIcmpEchoReply(Switch &sw, Words &words, Vrf &vrf, std::string &out) {
   uint32_t mode = 0;
-  if (!takeNumber(words, "mode", mode, out) || !takeEnd(words, out)) {
+  if (!takeNumber(words, "mode", mode, out, {0, 1}) || !takeEnd(words, out)) {
     return false;
   }
   vrf.icmpEchoReply = mode;
@@ -152,7 +161,7 @@ bool gateway(Switch &sw, Words &words, std::string &out) {
   if (!takeEither(words, "service-port", "network-port", service, out)) {
     return false;
   }
-  if (!words.takeIf("none") && !takeAddress(words, address.emplace(), out)) {
+  if (!words.takeIf("none") && !takeHostAddress(words, address.emplace(), out)) {
     return false;
   }
   if (!takeEnd(words, out)) {
@@ -167,11 +176,8 @@ bool gateway(Switch &sw, Words &words, std::string &out) {
 
 bool keepalivePeriod(Switch &sw, Words &words, std::string &out) {
   uint32_t seconds = 0;
-  if (!takeNumber(words, "period", seconds, out) || !takeEnd(words, out)) {
+  if (!takeNumber(words, "period", seconds, out, PERIODS) || !takeEnd(words, out)) {
     return false;
-  }
-  if (seconds == 0 || seconds > LONGEST_PERIOD) {
-    return refuse(out, "period: 1 to " + std::to_string(LONGEST_PERIOD) + " seconds");
   }
   sw.keepalivePeriod = seconds;
   sw.keepaliveDueMs = 0; // at once, then in the new rhythm
@@ -202,13 +208,10 @@ bool eventSend(Switch &sw, Words &words, std::string &out) {
   uint32_t type = 0;
   RppiEventMsg event{};
   if (!takeKeyword(words, "vrf", out) || !takeVrf(sw, words, vrf, out) || !takeKeyword(words, "type", out) ||
-      !takeNumber(words, "type", type, out) ||
+      !takeNumber(words, "type", type, out, {0, UINT16_MAX}) ||
       (words.takeIf("interface") && !takeNumber(words, "interface", event.intIfNum, out)) ||
       (words.takeIf("cfg") && !takeNumber(words, "cfg", event.cfgEvent, out)) || !takeEnd(words, out)) {
     return false;
-  }
-  if (type > UINT16_MAX) {
-    return refuse(out, "type: at most 65535");
   }
   event.msgType = static_cast<uint16_t>(type);
   sendRouterEvent(sw, vrf->id, event);
@@ -217,11 +220,8 @@ bool eventSend(Switch &sw, Words &words, std::string &out) {
 
 bool eventTimeout(Switch &sw, Words &words, std::string &out) {
   uint32_t seconds = 0;
-  if (!takeNumber(words, "timeout", seconds, out) || !takeEnd(words, out)) {
+  if (!takeNumber(words, "timeout", seconds, out, PERIODS) || !takeEnd(words, out)) {
     return false;
-  }
-  if (seconds == 0 || seconds > LONGEST_PERIOD) {
-    return refuse(out, "timeout: 1 to " + std::to_string(LONGEST_PERIOD) + " seconds");
   }
   sw.ackTimeout = seconds;
   return true;

@@ -10,6 +10,7 @@ namespace orrin {
 namespace {
 
 constexpr std::string_view BLANKS = " \t\r\n";
+constexpr Range PROTOCOLS = {0, UINT8_MAX};
 
 struct RouteOption {
   std::string_view word;
@@ -81,8 +82,8 @@ bool takeHop(Words &words, RouteAttrs &attrs, std::string &error) {
   }
   const std::string_view word = words.take();
   NextHop hop;
-  if (!parseAddress(word, hop.address)) {
-    return fail(error, "via: " + quoted(word) + " is no address");
+  if (!parseAddress(word, hop.address) || (hop.address != 0 && !isHostAddress(hop.address))) {
+    return fail(error, "via: " + quoted(word) + " is no unicast address");
   }
   if (!takeKeyword(words, "interface", error) || !takeNumber(words, "interface", hop.interface, error)) {
     return false;
@@ -139,6 +140,13 @@ bool parseAddress(std::string_view word, uint32_t &address) {
   return true;
 }
 
+bool isHostAddress(uint32_t address) {
+  constexpr uint32_t LOOPBACK = 127;
+  constexpr uint32_t MULTICAST = 224; // and reserved ones beyond
+  const uint32_t first = address >> 24;
+  return first != 0 && first != LOOPBACK && first < MULTICAST;
+}
+
 bool parsePrefix(std::string_view word, Prefix &prefix, std::string &error) {
   const size_t slash = word.find('/');
   uint32_t address = 0;
@@ -157,8 +165,17 @@ bool parsePrefix(std::string_view word, Prefix &prefix, std::string &error) {
   return true;
 }
 
-bool takeNumber(Words &words, std::string_view what, uint32_t &value, std::string &error) {
-  return takeAny(words, what, value, error);
+bool takeNumber(Words &words, std::string_view what, uint32_t &value, std::string &error, Range range) {
+  uint32_t number = 0;
+  if (!takeAny(words, what, number, error)) {
+    return false;
+  }
+  if (number < range.lowest || number > range.highest) {
+    return fail(error, std::string(what) + ": " + std::to_string(range.lowest) + " to " +
+                           std::to_string(range.highest) + ", not " + std::to_string(number));
+  }
+  value = number;
+  return true;
 }
 
 bool takeNumber(Words &words, std::string_view what, uint64_t &value, std::string &error) {
@@ -184,8 +201,14 @@ bool takeInterfaceAddress(Words &words, std::string_view what, uint32_t &address
   uint32_t bits = 0;
   uint32_t wanted = 0;
   if (slash == std::string_view::npos || !parseAddress(word.substr(0, slash), wanted) ||
-      !parseNumber(word.substr(slash + 1), bits) || bits > 32 || wanted == 0) {
+      !parseNumber(word.substr(slash + 1), bits) || bits == 0 || bits > 32) {
     return fail(error, std::string(what) + ": " + quoted(word) + " is no address with its prefix length");
+  }
+  const uint32_t hostBits = ~prefixMask(bits);
+  const bool first = (wanted & hostBits) == 0;
+  const bool last = (wanted & hostBits) == hostBits;
+  if (!isHostAddress(wanted) || (bits < 31 && (first || last))) {
+    return fail(error, std::string(what) + ": " + quoted(word) + " is no unicast address of its subnet");
   }
   address = wanted;
   length = static_cast<uint8_t>(bits);
@@ -208,6 +231,16 @@ bool takeMac(Words &words, std::array<uint8_t, 6> &mac, std::string &error) {
   return true;
 }
 
+bool takeHostMac(Words &words, std::array<uint8_t, 6> &mac, std::string &error) {
+  const std::string_view word = words.peek();
+  if (!takeMac(words, mac, error)) {
+    return false;
+  }
+  const bool group = (mac[0] & 1) != 0;
+  return (!group && mac != std::array<uint8_t, 6>{}) ||
+         fail(error, "mac: " + quoted(word) + " is no unicast MAC address");
+}
+
 bool takeEnd(Words &words, std::string &error) {
   const std::string_view word = words.take();
   return word.empty() || fail(error, quoted(word) + " is too much");
@@ -222,7 +255,7 @@ bool parseRouteAttrs(Words &words, RouteAttrs &attrs, std::string &error) {
     } else if (word == "metric") {
       good = takeNumber(words, word, attrs.metric, error);
     } else if (word == "proto") {
-      good = takeNumber(words, word, attrs.proto, error);
+      good = takeNumber(words, word, attrs.proto, error, PROTOCOLS);
     } else if (!takeType(word, attrs) && !takeFlag(word, attrs)) {
       good = fail(error, quoted(word) + " is no word of a route");
     }
@@ -230,7 +263,9 @@ bool parseRouteAttrs(Words &words, RouteAttrs &attrs, std::string &error) {
       return false;
     }
   }
-  return true;
+  const bool leads =
+      !attrs.hops.empty() || attrs.type != RouteAttrs::ORDINARY || attrs.reject || attrs.discard || attrs.viaVrfDevice;
+  return leads || fail(error, "a route needs a next hop, a type, reject, discard or via-vrf-device");
 }
 
 bool parseRoute(Words &words, Route &route, std::string &error) {

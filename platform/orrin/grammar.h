@@ -72,21 +72,31 @@ private:
 bool parseNumber(std::string_view word, uint32_t &value);
 bool parseNumber(std::string_view word, uint64_t &value);
 bool parseAddress(std::string_view word, uint32_t &address);
+// Unicast: an address that a host or a router can have.
+bool isHostAddress(uint32_t address);
 bool parsePrefix(std::string_view word, Prefix &prefix, std::string &error);
 
-// What a word should have been: "metric: number missing", "metric: "x" is no number".
-bool takeNumber(Words &words, std::string_view what, uint32_t &value, std::string &error);
+// The numbers that a word may be, both ends included.
+struct Range {
+  uint32_t lowest = 0;
+  uint32_t highest = UINT32_MAX;
+};
+
+// What a word should have been: "mtu: number missing", "mtu: "x" is no number", "mtu: 68 to 65535, not 10".
+bool takeNumber(Words &words, std::string_view what, uint32_t &value, std::string &error, Range range = {});
 bool takeNumber(Words &words, std::string_view what, uint64_t &value, std::string &error);
 bool takeKeyword(Words &words, std::string_view keyword, std::string &error);
 bool takePrefix(Words &words, Prefix &prefix, std::string &error);
-// "10.1.1.1/24": an address of an interface, whose bits beyond the length may be set.
+// "10.1.1.1/24": an address of an interface, which is neither the first nor the last of its subnet.
 bool takeInterfaceAddress(Words &words, std::string_view what, uint32_t &address, uint8_t &length, std::string &error);
 bool takeMac(Words &words, std::array<uint8_t, 6> &mac, std::string &error);
+// Unicast, and not zero.
+bool takeHostMac(Words &words, std::array<uint8_t, 6> &mac, std::string &error);
 bool takeEnd(Words &words, std::string &error);
 
 // The rest of a line after "route add" or "route modify", to its end.
 bool parseRoute(Words &words, Route &route, std::string &error);
-// Only the options and next hops of a route line, to its end.
+// Only the options and next hops of a route line, to its end. A route that leads nowhere is refused.
 bool parseRouteAttrs(Words &words, RouteAttrs &attrs, std::string &error);
 
 void appendNumber(std::string &out, uint64_t value);

@@ -42,9 +42,6 @@ Prefix nth(const Prefix &first, uint32_t index) {
 
 std::string refusal(Switch &sw, RouteEdit edit, const Vrf &vrf, const Prefix &first, uint32_t count,
                     const RouteAttrs &attrs) {
-  if (count == 0) {
-    return "count: nothing to do";
-  }
   if (first.address + uint64_t{count} * stepOf(first.length) > uint64_t{1} << 32) {
     return "count: " + std::to_string(count) + " prefixes go beyond 255.255.255.255";
   }

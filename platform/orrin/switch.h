@@ -24,9 +24,10 @@
 
 namespace orrin {
 
-inline constexpr size_t VRF_NAME_MAX = 64;           // the buffer of a VRF's name has 65 bytes
-inline constexpr size_t VRF_INTERFACE_NAME_MAX = 16; // 17 bytes
-inline constexpr size_t INTERFACE_NAME_MAX = 60;     // 60 bytes, without NUL when all are used
+inline constexpr size_t VRF_NAME_MAX = 64;             // the buffer of a VRF's name has 65 bytes
+inline constexpr size_t VRF_INTERFACE_NAME_MAX = 16;   // 17 bytes
+inline constexpr size_t INTERFACE_NAME_MAX = 60;       // 60 bytes, without NUL when all are used
+inline constexpr uint32_t INTERFACE_NUMBER_MAX = 1033; // as many as agents serve
 inline constexpr size_t CLIENTS_MAX = 256;
 
 using Mac = std::array<uint8_t, 6>;
@@ -126,7 +127,7 @@ struct Vrf {
   std::map<uint32_t, ArpEntry> arp; // by address
   Outbox resolutions;               // for the agent
   uint64_t resolutionsMade = 0;
-  uint64_t resolutionsLost = 0;           // no agent was there, or it did not read
+  uint64_t resolutionsLost = 0;                  // no agent was there, or it did not read
   std::map<uint32_t, IpSlaOperation> operations; // IP SLA
   std::map<uint32_t, IpSlaReports> reports;      // by operation, which may be stopped
   std::deque<uint32_t> toStart;                  // operations, in the agent that came last

@@ -223,17 +223,17 @@ TEST_F(SwitchArp, GatewaysOfThePortsAreWhatTheOperatorSays) {
   const auto service = [&] { return ask(rpcclt_tarnapiServicePortGatewayIPv4AddrGet); };
   const auto network = [&] { return ask(rpcclt_tarnapiNetworkPortGatewayIPv4AddrGet); };
   EXPECT_EQ(service(), "error 7") << "there is none";
-  orrin.run("gateway service-port 0.0.1.1");
-  orrin.run("gateway network-port 0.0.1.2");
-  EXPECT_EQ(service() + " " + network(), "257 258");
+  orrin.run("gateway service-port 10.0.0.1");
+  orrin.run("gateway network-port 10.0.0.2");
+  EXPECT_EQ(service() + " " + network(), "167772161 167772162");
   orrin.run("fault set ServicePortGatewayIPv4AddrGet result -26");
-  EXPECT_EQ(service() + " " + network(), "error 7 258") << "although it is published";
+  EXPECT_EQ(service() + " " + network(), "error 7 167772162") << "although it is published";
   orrin.end(SIGKILL);
   EXPECT_TRUE(within(50, [&] { return network() == "error 7"; })) << "an orrin that is gone publishes nothing";
   orrin.start();
-  EXPECT_EQ(service() + " " + network(), "257 258");
+  EXPECT_EQ(service() + " " + network(), "167772161 167772162");
   orrin.run("gateway service-port none");
-  EXPECT_EQ(service() + " " + network(), "error 7 258");
+  EXPECT_EQ(service() + " " + network(), "error 7 167772162");
 }
 
 TEST_F(SwitchArp, AKernelIndexBelongsToTheCallersVrf) {

@@ -163,56 +163,6 @@ TEST_F(SwitchHostile, AReaderThatDoesNotReadHoldsUpNobody) {
   EXPECT_NE(orrin.run("show status").find("200000"), std::string::npos);
 }
 
-TEST_F(SwitchHostile, RefusedCommandsNameTheWordAndChangeNothing) {
-  const std::string before = orrin.run("dump");
-  const struct {
-    const char *line;
-    const char *reason;
-  } cases[] = {
-      {"frobnicate", "\"frobnicate\" is no command"},
-      {"vrf", "a command of \"vrf\" missing"},
-      {"vrf add 3 blue", "there is a VRF 3"},
-      {"vrf add 4 blue", "there is a VRF 3"},
-      {"vrf add 4 red interface seventeen-letters", "longer than 16"},
-      {"vrf set 3 routing maybe", "not \"maybe\""},
-      {"interface add 12 vrf 9 name a device b", "no VRF 9"},
-      {"interface add 0 vrf 3 name a device b", "0 means none"},
-      {"interface add 12 vrf 3 name a device b colour red", "\"colour\""},
-      {"interface set 11 mtu large", "\"large\""},
-      {"interface set 11 mac 00:11:22:33:44", "\"00:11:22:33:44\""},
-      {"interface set 11 mtu 1400 address 10.1.1.1", "\"10.1.1.1\""},
-      {"interface disable 11", "not enabled"},
-      {"interface add 11 vrf 3 name a device b", "an interface 11 already"},
-      {"interface set 11 colour red", "\"colour\""},
-      {"interface secondary 11 del 10.9.9.9/24", "no such secondary address"},
-      {"vrf set 3 colour red", "\"colour\""},
-      {"event send vrf 3 type 65536", "at most 65535"},
-      {"event timeout 0", "timeout: 1 to"},
-      {"ipsla start vrf 3 5 to 10.1.1.2 colour 5", "\"colour\""},
-      {"interface vrrp 11 label 1 add 10.0.0.1 slot 32", "slot"},
-      {"route add vrf 3 10.0.0.0/8 via 10.1.1.1 interface 12", "interface 12 is not in VRF 3"},
-      {"route modify vrf 3 10.0.0.0/8", "no route 10.0.0.0/8"},
-      {"routes add vrf 3 255.255.255.0/24 count 2", "beyond 255.255.255.255"},
-      {"routes add vrf 3 10.0.0.0/8 count 0", "nothing to do"},
-      {"keepalive period 0", "period"},
-      {"fault set NoSuchCall", "\"NoSuchCall\""},
-      {"fault set VrfNameGet delay soon", "\"soon\""},
-      {"fault set VrfNameGet result -soon", "\"-soon\""},
-      {"fault set VrfNameGet colour", "\"colour\""},
-      {"client drop 1", "no client 1"},
-      {"client best-route 1 vrf 3 pid 1 name x", "state folder"},
-      {"show clocks", "\"clocks\""},
-  };
-  for (const auto &each : cases) {
-    EXPECT_NE(orrin.refusal(each.line).find(each.reason), std::string::npos)
-        << each.line << ": " << orrin.refusal(each.line);
-  }
-  EXPECT_EQ(orrin.run("dump"), before);
-  orrin.end(SIGTERM);
-  orrin.start();
-  EXPECT_EQ(orrin.run("dump"), before);
-}
-
 TEST_F(SwitchHostile, ADumpMakesTheSameSwitch) {
   for (const char *line :
        {"interface add 12 vrf 3 name 0/12 device rt2 type 4 index 9",

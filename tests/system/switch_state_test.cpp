@@ -86,8 +86,9 @@ TEST_F(SwitchFullDisk, NothingThatWasAcceptedIsLost) {
   // The page of the file that the journal has already may take some.
   std::string refused;
   int number = 0;
-  while (refused.empty() && number < 1000) {
-    orrin.tell("interface add " + std::to_string(100 + ++number) + " vrf 3 name 0/1 device rt1", refused);
+  while (refused.empty() && number < 900) {
+    const std::string text = std::to_string(100 + ++number);
+    orrin.tell("interface add " + text + " vrf 3 name 0/" + text + " device rt" + text, refused);
   }
   EXPECT_NE(refused.find("not kept"), std::string::npos) << refused;
   EXPECT_NE(refused.find("No space left"), std::string::npos) << refused;

@@ -1,4 +1,4 @@
-// The words of orrin's command lines: what is read is printed again the same, and a wrong word is named.
+// The words of orrin's command lines: what is read is printed again the same. orrin_command_test.cpp has what is refused.
 
 #include "grammar.h"
 #include "kernel_route.h"
@@ -35,33 +35,7 @@ TEST(OrrinGrammar, RouteLinesComeBackAsTheyWere) {
     EXPECT_EQ(reprinted(line), line);
   }
   EXPECT_EQ(reprinted("route add vrf 3 10.0.0.0/8 install-kernel local"), "route add vrf 3 10.0.0.0/8 local");
-  EXPECT_EQ(reprinted("route add\tvrf 3  10.0.0.0/8 # a comment"), "route add vrf 3 10.0.0.0/8");
-}
-
-TEST(OrrinGrammar, TheWrongWordIsNamed) {
-  const struct {
-    const char *line;
-    const char *error;
-  } cases[] = {
-      {"route add", "\"vrf\" missing"},
-      {"route add vrf", "vrf: number missing"},
-      {"route add vrf -1", "vrf: \"-1\" is no number"},
-      {"route add vrf 4294967296 10.0.0.0/8", "vrf: \"4294967296\" is no number"},
-      {"route add vrf 3", "prefix missing"},
-      {"route add vrf 3 10.0.0.0", "\"10.0.0.0\" is no prefix"},
-      {"route add vrf 3 10.0.0/8", "\"10.0.0/8\" is no prefix"},
-      {"route add vrf 3 10.0.0.256/8", "\"10.0.0.256/8\" is no prefix"},
-      {"route add vrf 3 10.0.0.0.0/8", "\"10.0.0.0.0/8\" is no prefix"},
-      {"route add vrf 3 10.0.0.0/33", "\"10.0.0.0/33\": prefix length above 32"},
-      {"route add vrf 3 10.0.0.1/31", "\"10.0.0.1/31\": address bits beyond the prefix length"},
-      {"route add vrf 3 10.0.0.0/8 meric 4", "\"meric\" is no word of a route"},
-      {"route add vrf 3 10.0.0.0/8 metric", "metric: number missing"},
-      {"route add vrf 3 10.0.0.0/8 via 10.1.1", "via: \"10.1.1\" is no address"},
-      {"route add vrf 3 10.0.0.0/8 via 10.1.1.1 intf 3", "\"interface\" expected, not \"intf\""},
-  };
-  for (const auto &each : cases) {
-    EXPECT_EQ(reprinted(each.line), each.error);
-  }
+  EXPECT_EQ(reprinted("route add\tvrf 3  10.0.0.0/8 reject # why"), "route add vrf 3 10.0.0.0/8 reject");
 }
 
 TEST(OrrinGrammar, ARouteHoldsAtMost48NextHops) {
@@ -92,23 +66,6 @@ TEST(OrrinGrammar, KernelRoutesOfBothFamiliesComeBackAsTheyWere) {
            " 2001:db8::1/128 reject metric 5",
        }) {
     EXPECT_EQ(reprintedKernelRoute(line), line);
-  }
-  const struct {
-    const char *line;
-    const char *error;
-  } wrong[] = {
-      {"", "prefix: \"\" is wrong"},
-      {"10.0.0.0", "prefix: \"10.0.0.0\" is wrong"},
-      {"10.0.0.0/33", "prefix: \"10.0.0.0/33\" is wrong"},
-      {"10.0.0.1/31", "prefix: \"10.0.0.1/31\" is wrong"},
-      {"2001:db8::/129", "prefix: \"2001:db8::/129\" is wrong"},
-      {"2001:db8::1/127", "prefix: \"2001:db8::1/127\" is wrong"},
-      {"10.0.0.0/8 via fe80::1 interface 3", "via: \"fe80::1\" is wrong"},
-      {"10.0.0.0/8 via 10.0.0.1", "\"interface\" missing"},
-      {"10.0.0.0/8 mpls", "kernel route: \"mpls\" is wrong"},
-  };
-  for (const auto &each : wrong) {
-    EXPECT_EQ(reprintedKernelRoute(each.line), each.error);
   }
 }
 

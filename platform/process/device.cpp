@@ -17,21 +17,28 @@ namespace {
 constexpr size_t MAC_BYTES = 6;
 constexpr uint32_t APP_SOLICIT = 1; // questions to user space before the kernel broadcasts its own
 
+int32_t failed(int error) {
+  errno = error;
+  return 1;
+}
+
 // One device, and the requests about it.
 class Device {
 public:
   explicit Device(const char *name) : socket_(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
-    named_ = strnlen(name, sizeof request.ifr_name) < sizeof request.ifr_name;
-    if (named_) {
+    if (!socket_) {
+      error_ = errno;
+    } else if (strnlen(name, sizeof request.ifr_name) == sizeof request.ifr_name) {
+      error_ = ENODEV; // no device has a longer name, and a cut one would be another device's
+    } else {
       memcpy(request.ifr_name, name, strlen(name));
     }
   }
 
   // 0, or 1 with errno.
   int32_t ask(unsigned long what) {
-    if (!named_) {
-      errno = ENODEV; // a longer name is no device's, and cut it would be another's
-      return 1;
+    if (error_ != 0) {
+      return failed(error_);
     }
     return ioctl(socket_.get(), what, &request) == 0 ? 0 : 1;
   }
@@ -40,13 +47,8 @@ public:
 
 private:
   UniqueFd socket_;
-  bool named_;
+  int error_ = 0; // the reason why nothing can be asked, 0 = none
 };
-
-int32_t failed(int error) {
-  errno = error;
-  return 1;
-}
 
 } // namespace
 

@@ -8,6 +8,8 @@
 #include <gmock/gmock.h>
 #include <net/if.h>
 #include <sstream>
+#include <sys/resource.h>
+#include <utility>
 
 namespace {
 
@@ -190,4 +192,28 @@ TEST_F(Devices, namesOfNoDevice) {
     EXPECT_EQ(osapiIfIpv4IcmpRedirectSendSet(name, 0), 1) << name;
     EXPECT_NE(errno, 0);
   }
+}
+
+// The agent logs errno.
+TEST_F(Devices, noDescriptorLeft) {
+  const uint8_t mac[6] = {};
+  uint32_t index = 0;
+  rlimit files{};
+  getrlimit(RLIMIT_NOFILE, &files);
+  const rlimit none{.rlim_cur = 0, .rlim_max = files.rlim_max};
+  setrlimit(RLIMIT_NOFILE, &none);
+  const auto errorOf = [](int32_t result) { return result == 0 ? 0 : std::exchange(errno, 0); };
+  const std::vector<int> errors = {
+      errorOf(osapiStackIfIndexGet("rt1", &index)),
+      errorOf(osapiIfMacSet("rt1", mac)),
+      errorOf(osapiIfFlagChange("rt1", IFF_UP, 1)),
+      errorOf(osapiIfArpSet("rt1")),
+      errorOf(osapiIfIpv4MtuSet("rt1", 1400)),
+      errorOf(osapiIfAddrDel("rt1")),
+      errorOf(osapiIfIpv4IcmpSendDestinationUnreachableSet("rt1", 0)),
+      errorOf(osapiIfIpv4IcmpRedirectSendSet("rt1", 0)),
+      errorOf(osapiIpv4IcmpRatelimitSet(80, 2000)),
+  };
+  setrlimit(RLIMIT_NOFILE, &files);
+  EXPECT_THAT(errors, testing::Each(EMFILE));
 }

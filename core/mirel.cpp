@@ -50,12 +50,22 @@ void standardDescriptorsOpen() {
   }
 }
 
-// For an argument that cannot name a service: by its number VRF 0 would be served.
-int usage(const char *argument) {
-  const bool asked = strcmp(argument, "--help") == 0 || strcmp(argument, "-h") == 0;
-  fprintf(asked ? stdout : stderr,
-          "usage: mirel NAME-VRF\n  VRF  number of the VRF to mirror; a NAME without a hyphen serves VRF 0\n");
-  return asked ? EXIT_SUCCESS : EXIT_USAGE;
+// Ends the process unless the command line names a service. Every argument but these two options names one.
+void optionsServe(int argc, char **argv) {
+  constexpr char USAGE[] = "usage: mirel NAME-VRF | --help | --version\n"
+                           "  VRF  number of the VRF to mirror; a NAME without a hyphen serves VRF 0\n";
+  if (argc < 2) {
+    fputs(USAGE, stderr);
+    exit(EXIT_USAGE);
+  }
+  if (strcmp(argv[1], "--help") == 0) {
+    fputs(USAGE, stdout);
+    exit(EXIT_SUCCESS);
+  }
+  if (strcmp(argv[1], "--version") == 0) {
+    puts("mirel " MIREL_VERSION);
+    exit(EXIT_SUCCESS);
+  }
 }
 
 void contextClear() {
@@ -257,17 +267,14 @@ int main(int argc, char **argv) {
   standardDescriptorsOpen();
   setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
   signal(SIGPIPE, SIG_IGN); // a reader of its output that goes takes nothing with it
-  const char *argument = argc >= 2 ? argv[1] : "--";
-  if (strncmp(argument, "--", 2) == 0 || strcmp(argument, "-h") == 0) {
-    return usage(argument);
-  }
+  optionsServe(argc, argv);
 
   contextClear();
   MIREL_TRACE(TRACE_GENERAL, OPERATION, "Spawned process Mirel\n");
   mirelShellOperationsRegister();
   qvproc_devshell_init();
   mirelPid = static_cast<uint32_t>(getpid());
-  mirelVrfId = mirelVrfIdFromArgument(argument);
+  mirelVrfId = mirelVrfIdFromArgument(argv[1]);
   clientNameFormat();
   syncDatabaseRegister();
   apiSemaphoreCreate();

@@ -74,6 +74,7 @@ def processes():
 def test_numbers_without_a_test():
     for flag, number, said in ((None, 0, MISSING), ("0", 0, MISSING), ("", 0, MISSING), ("many", 0, MISSING),
                                ("11", 11, "Unsupported test.\n"), ("-1", -1, "Unsupported test.\n"),
+                               (str(2**32 + 2), 2, "Unsupported test.\n"),  # %d shows the low 32 bits
                                ("0" * 79 + "11", 0, MISSING)):  # only the first 79 bytes are read
         test = SelfTest(flag)
         test.until_printed(announced(number) + said)

@@ -5,7 +5,6 @@
 #include "unique_fd.h"
 
 #include <array>
-#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
@@ -59,7 +58,7 @@ int main() {
   // Whoever reads a pipe or a file sees each line at once, and no child of a fork finds text to print again.
   setvbuf(stdout, nullptr, _IONBF, 0);
 
-  const auto number = static_cast<uint32_t>(flagRead(TEST_NUMBER_FLAG)); // unsigned: no test is negative
+  const auto number = static_cast<unsigned long>(flagRead(TEST_NUMBER_FLAG)); // unsigned: no test is negative
   printf("Test Application Process is Running. PROCTEST=%d\n", static_cast<int>(number));
   if (number < TESTS.size()) {
     TESTS[number]();

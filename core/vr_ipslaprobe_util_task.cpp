@@ -170,14 +170,17 @@ void sessionsServe(const ProbeWait &wait, uint32_t elapsedUsec) {
   });
 }
 
-// Serves what the wait of so many microseconds brought, and makes ready for the next. False ends the task: no session runs, or
-// it was cancelled while it did not wait. Not inlined, as the clock's reading is not: its locals must be gone in the wait.
-[[gnu::noinline]] bool nextPass(ProbeWait &wait, uint32_t elapsedUsec) {
+// Serves what the wait of so many microseconds brought, unless none has been yet, and prepares the next wait. False ends the
+// task: no session runs, or it was cancelled while it did not wait. Not inlined, as the clock's reading is not: its locals
+// must be gone in the wait.
+[[gnu::noinline]] bool nextPass(ProbeWait &wait, bool waited, uint32_t elapsedUsec) {
   const ProbeLock lock;
   if (pthread_equal(probeAgentTaskId, pthread_self()) == 0) {
     return false;
   }
-  sessionsServe(wait, elapsedUsec);
+  if (waited) {
+    sessionsServe(wait, elapsedUsec);
+  }
   if (activeSessionCount == 0) {
     probeAgentTaskId = 0;
     return false;
@@ -241,7 +244,7 @@ void *probeAgentTask(void *) {
   pthread_detach(pthread_self());
   probeAgentTrace("%d: %s : \n", __LINE__, TASK_OPERATION);
   uint32_t elapsedUsec = 0;
-  while (nextPass(probeWait, elapsedUsec)) {
+  for (bool waited = false; nextPass(probeWait, waited, elapsedUsec); waited = true) {
     elapsedUsec = cancellableWait(probeWait);
   }
   probeAgentTrace("%d: %s : \n\n", __LINE__, TASK_OPERATION);

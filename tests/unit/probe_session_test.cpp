@@ -473,6 +473,18 @@ TEST_F(ProbeTaskTest, OutcomesOfProbes) {
   shell("ip route del unreachable 10.99.0.0/16");
 }
 
+// The request is due at once, but goes out behind a wait.
+TEST_F(ProbeTaskTest, WaitsBeforeItServes) {
+  alloc(1);
+  probeAgentProbeSessionStart(1);
+  EXPECT_EQ(reportOf(1).code, 0u);
+  const Lines calls = scripted::takeCalls();
+  const auto wait =
+      std::find_if(calls.begin(), calls.end(), [](const auto &line) { return line.starts_with("select"); });
+  ASSERT_NE(wait, calls.end());
+  EXPECT_EQ(*wait, "select socket 0.1s"); // a microsecond
+}
+
 // The last session goes and a new one comes while the task waits: the same task serves on, and the new session, whose
 // socket has the old one's number, is not taken for it.
 TEST_F(ProbeTaskTest, OneTask) {

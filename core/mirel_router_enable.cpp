@@ -104,6 +104,28 @@ bool icmpModesSet(uint32_t intIfNum, const char *device) {
   return true;
 }
 
+// Detects a walk that repeats its entries and would not end. Compares each entry with the one before it, and with a mark that
+// moves to the present entry after 1, 2, 4, 8 ... entries, which finds longer circles without storing them.
+class WalkCircle {
+public:
+  bool closes(uint64_t entry) {
+    const bool closed = entry == last_ || entry == mark_;
+    last_ = entry;
+    if (++steps_ == span_) {
+      mark_ = entry;
+      steps_ = 0;
+      span_ *= 2;
+    }
+    return closed;
+  }
+
+private:
+  uint64_t last_ = 0; // the start of every walk
+  uint64_t mark_ = 0;
+  uint32_t steps_ = 0;
+  uint32_t span_ = 1;
+};
+
 // What a walk of the secondary addresses met; logged when the semaphore has been given back.
 struct SecondaryWalk {
   int32_t platformStatus; // TARN_NO_MORE at the end of the walk
@@ -117,11 +139,16 @@ SecondaryWalk secondaryAddressesWalk(uint32_t intIfNum, const char *device) {
   SecondaryWalk walk{};
   InetPrefix prefix{};
   uint32_t index = 0;
+  WalkCircle circle;
   const ApiLock lock; // once, over the kernel's calls too: the switch's list must not change under the walk
   for (;;) {
     walk.platformStatus =
         rpcclt_tarnapiRtrIntfSecIpAddrGet(tarnapiClientHandle, TARN_FAMILY_IPV4, intIfNum, &prefix, &index);
     if (walk.platformStatus != TARN_OK) {
+      return walk;
+    }
+    if (circle.closes(uint64_t{prefix.addr.ipv4} << 32 | prefix.prefixLen)) {
+      walk.platformStatus = TARN_FAILURE;
       return walk;
     }
     walk.addr = prefix.addr.ipv4;
@@ -255,10 +282,10 @@ int mirelRtrDisableHandler(const RppiEventMsg *msg) {
 void mirelPopulateRoutingInterfaceTable() {
   constexpr const char *OPERATION = "mirelPopulateRoutingInterfaceTable";
   uint32_t intIfNum = 0;
-  for (;;) {
-    const uint32_t previous = intIfNum;
-    const int32_t status = apiCall(rpcclt_tarnapiRtrIntfNextGetVrf, mirelVrfId, previous, &intIfNum);
-    if (status != TARN_OK || intIfNum <= previous) { // a walk that does not ascend would never end
+  WalkCircle circle;
+  while (apiCall(rpcclt_tarnapiRtrIntfNextGetVrf, mirelVrfId, intIfNum, &intIfNum) == TARN_OK) {
+    if (circle.closes(intIfNum)) {
+      MIREL_LOG(SEVERITY_ERROR, "The walk of the interfaces ends because the switch repeats interface %d", intIfNum);
       return;
     }
     RppiEventMsg msg{};

@@ -135,6 +135,12 @@ TEST_F(RouterEnableTest, AFailureEndsItThere) {
       {"rpcclt_tarnapiRtrIntfSecIpAddrGet: -26",
        "rpcclt_tarnapiRtrIntfSecIpAddrGet 1 5 (family 0)/0",
        {routerLog(3, "ERROR in configuring secondary IP address" + on5 + " error:-26")}},
+      {"rpcclt_tarnapiRtrIntfSecIpAddrGet: 0 198.51.100.1/25 1",
+       "rpcclt_tarnapiRtrIntfSecIpAddrGet 1 5 198.51.100.1/25",
+       {routerLog(3, "ERROR in configuring secondary IP address" + on5 + " error:-26")}},
+      {"rpcclt_tarnapiRtrIntfSecIpAddrGet: 0 198.51.100.1/25 1\nrpcclt_tarnapiRtrIntfSecIpAddrGet: 0 203.0.113.0/31 2",
+       "rpcclt_tarnapiRtrIntfSecIpAddrGet 1 5 203.0.113.0/31",
+       {routerLog(3, "ERROR in configuring secondary IP address" + on5 + " error:-26")}},
       {"procOsapiNetlinkIPv4Add: 0\nprocOsapiNetlinkIPv4Add: 0\nprocOsapiNetlinkIPv4Add: 1 22",
        "procOsapiNetlinkIPv4Add rt1:2 203.0.113.0 255.255.255.254 203.0.113.1",
        {routerLog(3, "Failed to set the secondary IP address (cb007100), mask (fffffffe) and broadcast address "
@@ -356,13 +362,15 @@ TEST_F(RouterReplayTest, WalkOfTheInterfaces) {
     std::vector<std::string> answers;
     Lines asked; // the numbers that the walk goes on from
     Lines enabled;
+    Lines repeated; // logged
   } CASES[] = {
-      {{}, {"0"}, {}},
-      {{"0 5", "0 9", "0 1033"}, {"0", "5", "9", "1033"}, {"5", "9", "1033"}},
-      {{"0 5", "-29", "0 9"}, {"0", "5"}, {"5"}},
-      {{"0 5", "0 5"}, {"0", "5"}, {"5"}},
-      {{"0 5", "0 3"}, {"0", "5"}, {"5"}},
-      {{"0 0"}, {"0"}, {}},
+      {{}, {"0"}, {}, {}},
+      {{"0 5", "0 9", "0 1033"}, {"0", "5", "9", "1033"}, {"5", "9", "1033"}, {}},
+      {{"0 5", "-29", "0 9"}, {"0", "5"}, {"5"}, {}},
+      {{"0 5", "0 3"}, {"0", "5", "3"}, {"5", "3"}, {}},
+      {{"0 5", "0 7", "0 7"}, {"0", "5", "7"}, {"5", "7"}, {"7"}},
+      {{"0 5", "0 9", "0 7", "0 9", "0 7"}, {"0", "5", "9", "7", "9"}, {"5", "9", "7", "9"}, {"7"}},
+      {{"0 0"}, {"0"}, {}, {"0"}},
   };
   for (const auto &row : CASES) {
     startAgain();
@@ -373,6 +381,8 @@ TEST_F(RouterReplayTest, WalkOfTheInterfaces) {
     mirelPopulateRoutingInterfaceTable();
     Lines asked;
     Lines enabled;
+    Lines repeated;
+    const std::string end = routerLog(3, "The walk of the interfaces ends because the switch repeats interface ");
     const std::string next = "rpcclt_tarnapiRtrIntfNextGetVrf 3 ";
     const std::string mac = "rpcclt_tarnapiRtrIntfL3MacAddressGet ";
     for (const std::string &line : scripted::calls()) {
@@ -381,10 +391,13 @@ TEST_F(RouterReplayTest, WalkOfTheInterfaces) {
         asked.push_back(line.substr(next.size()));
       } else if (line.starts_with(mac)) {
         enabled.push_back(line.substr(mac.size(), line.rfind(' ') - mac.size()));
+      } else if (line.starts_with(end)) {
+        repeated.push_back(line.substr(end.size()));
       }
     }
     EXPECT_EQ(asked, row.asked) << testing::PrintToString(row.answers);
     EXPECT_EQ(enabled, row.enabled) << testing::PrintToString(row.answers);
+    EXPECT_EQ(repeated, row.repeated) << testing::PrintToString(row.answers);
     if (!row.enabled.empty()) {
       EXPECT_THAT(
           scripted::calls(),

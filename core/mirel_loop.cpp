@@ -68,25 +68,27 @@ template <typename Message> Message messageRead() {
   return msg;
 }
 
-// FD_SET beyond FD_SETSIZE would write past the set.
-bool fitsReadSet(int fd) {
+// FD_SET beyond FD_SETSIZE would write past the set. Logs a descriptor once: logged keeps the last one of its place.
+bool fitsReadSet(int fd, int &logged) {
   if (fd < FD_SETSIZE) {
     return true;
   }
-  static bool logged = false;
-  if (!logged) {
-    logged = true;
+  if (fd != logged) {
+    logged = fd;
     MIREL_LOG(SEVERITY_ERROR, "Socket fd %d is beyond the limit of %d for select and is not watched.", fd, FD_SETSIZE);
   }
   return false;
 }
 
 int readSetFill() {
+  const std::array descriptors = {rppi_evnt_fd.get(), brc_sock_fd.get(), arp_sock_fd.get(), syncdbClient.syncdbNotifyFd,
+                                  arpd_nl_fd.get()};
+  static std::array<int, descriptors.size()> logged;
   FD_ZERO(&readSet);
   int highest = -1;
-  for (const int fd :
-       {rppi_evnt_fd.get(), brc_sock_fd.get(), arp_sock_fd.get(), syncdbClient.syncdbNotifyFd, arpd_nl_fd.get()}) {
-    if (fd != -1 && fitsReadSet(fd)) {
+  for (size_t i = 0; i < descriptors.size(); ++i) {
+    const int fd = descriptors[i];
+    if (fd != -1 && fitsReadSet(fd, logged[i])) {
       FD_SET(fd, &readSet);
       highest = std::max(highest, fd);
     }

@@ -1,6 +1,7 @@
 // Kernel devices: index, hardware address, flags, MTU, ARP. Each call opens the socket it asks on, in the namespace that the
 // process is in at that moment. Any thread; no state.
 
+#include "arp_request.h"
 #include "osapi.h"
 #include "setting.h"
 #include "unique_fd.h"
@@ -15,7 +16,13 @@
 namespace {
 
 constexpr size_t MAC_BYTES = 6;
-constexpr uint32_t APP_SOLICIT = 1; // questions to user space before the kernel broadcasts its own
+
+// How the kernel probes an unknown neighbour: a question to user space, then its own broadcasts, then it gives up. With the
+// first broadcast, which is the library's, these are three in 4.2 s.
+constexpr struct {
+  const char *name;
+  uint32_t value;
+} PROBE_SETTINGS[] = {{"app_solicit", 1}, {"mcast_solicit", 2}, {"retrans_time_ms", 1400}};
 
 int32_t failed(int error) {
   errno = error;
@@ -93,7 +100,14 @@ extern "C" int32_t osapiIfArpSet(const char *name) {
   if (osapiIfFlagChange(name, IFF_NOARP, 0) != 0) {
     return 1;
   }
-  return settingWrite("/proc/sys/net/ipv4/neigh/" + std::string(name) + "/app_solicit", APP_SOLICIT) == 0 ? 0 : 1;
+  const std::string folder = "/proc/sys/net/ipv4/neigh/" + std::string(name) + "/";
+  for (const auto &setting : PROBE_SETTINGS) {
+    if (settingWrite(folder + setting.name, setting.value) != 0) {
+      return 1;
+    }
+  }
+  arpRequesterStart();
+  return 0;
 }
 
 extern "C" int32_t osapiIfIpv4MtuSet(const char *name, uint32_t mtu) {

@@ -4,17 +4,16 @@
 
 #include "devshell.h"
 #include "devshell_protocol.h"
+#include "library_thread.h"
 #include "run_dir.h"
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>
-#include <csignal>
 #include <cstring>
 #include <memory>
 #include <poll.h>
-#include <pthread.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -167,22 +166,6 @@ UniqueFd listenAt(const std::string &path) {
   return fd;
 }
 
-// Signals are the program's: the shell's thread takes none.
-int startThread(Server *server) {
-  sigset_t all;
-  sigset_t callers;
-  sigfillset(&all);
-  pthread_sigmask(SIG_SETMASK, &all, &callers);
-  pthread_t thread;
-  const int error = pthread_create(&thread, nullptr, run, server);
-  pthread_sigmask(SIG_SETMASK, &callers, nullptr);
-  if (error == 0) {
-    pthread_setname_np(thread, "devshell");
-    pthread_detach(thread);
-  }
-  return error;
-}
-
 } // namespace
 
 int devshellServerStart() {
@@ -193,7 +176,7 @@ int devshellServerStart() {
   if (!server->listener) {
     return -1;
   }
-  const int error = startThread(server.get());
+  const int error = libraryThreadStart("devshell", run, server.get());
   if (error != 0) {
     errno = error;
     return -1;

@@ -142,6 +142,29 @@ def test_a_question_of_the_kernel_is_answered_by_the_switch():
     until_all_mirrored(blue)
 
 
+def test_the_first_packet_goes_at_once_and_a_dead_host_is_left_alone():
+    """Not after the second that the kernel would wait, and not at the price of more than three requests in four seconds."""
+    system = labnet.start_system()
+    blue = system.vrfs[0]
+    frames = capture(blue.host(1), "eth0")
+    sender = socket_in(blue.name, socket.AF_INET, socket.SOCK_DGRAM)
+    delays = []
+    for packet in (b"first", b"second", b"third"):  # the host's port unreachable ends with it too
+        labnet.ip("neigh", "flush", "dev", "rt1", ns=blue.name)
+        begin = time.monotonic()
+        sender.sendto(packet, ("10.1.0.2", 9))
+        while not frames.recv(65536).endswith(packet):
+            pass
+        delays.append(time.monotonic() - begin)
+    assert min(delays) <= 0.2, delays
+
+    begin = time.monotonic()
+    sender.sendto(b"in vain", (UNKNOWN_HOST, 9))
+    until(lambda: labnet.ip_json("neigh", "show", "to", UNKNOWN_HOST, "nud", "failed", ns=blue.name), 10, "the kernel gives up")
+    requests = [frame for frame in drained(frames) if is_arp_request(frame, UNKNOWN_HOST)]
+    assert len(requests) == 3 and time.monotonic() - begin >= 4
+
+
 def test_an_entry_asked_for_is_in_the_kernel_and_nowhere_else():
     system = labnet.start_system()
     blue, agent = system.vrfs[0], system.agents[0]

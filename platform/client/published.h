@@ -39,7 +39,8 @@ struct PublishedInterface {
 };
 
 struct Published {
-  std::atomic<uint64_t> heartbeatMs; // CLOCK_MONOTONIC
+  std::atomic<uint64_t> heartbeatMs;  // CLOCK_MONOTONIC
+  std::atomic<uint64_t> tableChanges; // of all route tables; each orrin counts from a number of its own
   std::atomic<uint32_t> systemReady;
   std::atomic<uint64_t> servicePortGateway; // GATEWAY_SET and the address, or 0
   std::atomic<uint64_t> networkPortGateway;

@@ -1,14 +1,12 @@
-// The feeds of this process, one for each client id that has fetched: a fixed buffer each, whatever the number of routes. A
-// feed is used by any thread, under its lock; feeds are never freed, a forgotten one serves the next client. The next batch is
-// asked for when all of the one before is with the caller, and not sooner: asking acknowledges.
+// The changes that a thread has fetched and not handed out yet. Each thread has its own, as it has its own connection: its next
+// request on that connection acknowledges what it handed out of the last answer.
 
 #include "route_feed.h"
 
 #include "connection.h"
 
-#include <atomic>
 #include <cstring>
-#include <mutex>
+#include <memory>
 #include <new>
 
 namespace tarnclient {
@@ -16,53 +14,15 @@ namespace tarnclient {
 namespace {
 
 struct Feed {
-  Feed *next = nullptr; // fixed once the feed is in the list
-  std::mutex lock;
-  std::atomic<uint32_t> client{0}; // 0 = free; written under the lock
-  uint64_t batch = 0;              // the last received
-  bool last = false;               // nothing waited behind it
-  uint32_t begin = 0;              // of what is still to hand out
+  uint32_t client = 0;
+  uint32_t handedOut = 0;    // of the last answer
+  uint64_t tableChanges = 0; // when orrin made it
+  uint32_t begin = 0;        // of what is still to hand out
   uint32_t end = 0;
   std::byte routes[tarnwire::REPLY_MAX];
-
-  void reset(uint32_t owner) {
-    client.store(owner, std::memory_order_relaxed);
-    batch = 0;
-    last = false;
-    begin = end = 0;
-  }
 };
 
-std::atomic<Feed *> feeds{nullptr};
-
-Feed *findFeed(uint32_t client) {
-  for (Feed *feed = feeds.load(std::memory_order_acquire); feed != nullptr; feed = feed->next) {
-    if (feed->client.load(std::memory_order_relaxed) == client) {
-      return feed;
-    }
-  }
-  return nullptr;
-}
-
-// The client's feed, a free one made its own, or a new one; null without memory.
-Feed *feedFor(uint32_t client) {
-  static std::mutex making;
-  if (Feed *feed = findFeed(client)) {
-    return feed;
-  }
-  const std::lock_guard guard(making);
-  Feed *feed = findFeed(client);
-  if (feed == nullptr && (feed = findFeed(0)) != nullptr) {
-    const std::lock_guard feedGuard(feed->lock);
-    feed->reset(client);
-  }
-  if (feed == nullptr && (feed = new (std::nothrow) Feed) != nullptr) {
-    feed->reset(client);
-    feed->next = feeds.load(std::memory_order_relaxed);
-    feeds.store(feed, std::memory_order_release);
-  }
-  return feed;
-}
+thread_local std::unique_ptr<Feed> threadFeed; // none in most threads
 
 void unpackHops(const std::byte *from, uint32_t count, BestRouteRecord &record) {
   for (uint32_t index = 0; index < count; ++index) {
@@ -122,36 +82,40 @@ size_t unpackRoute(std::span<const std::byte> routes, BestRouteRecord &record) {
   return used;
 }
 
-// The client's feed with its lock taken; none without memory. Until the lock is there, another thread may have forgotten the
-// client and given the feed to the next.
-Feed *lockFeed(uint32_t client, std::unique_lock<std::mutex> &lock) {
-  while (Feed *feed = feedFor(client)) {
-    lock = std::unique_lock(feed->lock);
-    if (feed->client.load(std::memory_order_relaxed) == client) {
-      return feed;
-    }
-    lock.unlock();
-  }
-  return nullptr;
+// True when the feed has records and no route table has changed since they were fetched.
+bool holdsValid(const Feed &feed) {
+  const tarnwire::Published *page =
+      feed.begin == feed.end ? nullptr : publishedFor(tarnwire::BEST_ROUTE_CHANGE_NEXT_GET);
+  return page != nullptr && page->tableChanges.load(std::memory_order_acquire) == feed.tableChanges;
 }
 
-// Asks for the next batch, or, with records held, only whether they may be handed out.
-int32_t fetch(Feed &feed, uint32_t client, bool held) {
+// Acknowledges what was handed out and drops the rest, which orrin hands out again.
+Answer ask(Feed &feed, bool forMore) {
+  feed.begin = feed.end = 0;
   const Answer answer =
-      call(tarnwire::BEST_ROUTE_CHANGE_NEXT_GET,
-           {client, static_cast<uint32_t>(feed.batch), static_cast<uint32_t>(feed.batch >> 32), held ? 1u : 0u});
-  if (answer.result == TARN_NOT_FOUND) { // orrin knows the client no more: nothing held is of use
-    feed.reset(0);
+      call(tarnwire::BEST_ROUTE_CHANGE_NEXT_GET, {feed.client, feed.handedOut, static_cast<uint32_t>(forMore)});
+  if (answer.result == TARN_OK || answer.result == TARN_NO_MORE) {
+    feed.handedOut = 0;
+    feed.tableChanges = uint64_t{answer.values[1]} << 32 | answer.values[0];
+    feed.end = static_cast<uint32_t>(answer.tail.size());
+    std::memcpy(feed.routes, answer.tail.data(), answer.tail.size());
   }
-  if (held || (answer.result != TARN_OK && answer.result != TARN_NO_MORE)) {
-    return answer.result;
+  return answer;
+}
+
+// The thread's feed; null without memory.
+Feed *feedFor(uint32_t client) {
+  if (threadFeed == nullptr) {
+    threadFeed.reset(new (std::nothrow) Feed);
   }
-  feed.batch = uint64_t{answer.values[1]} << 32 | answer.values[0];
-  feed.last = answer.result == TARN_NO_MORE;
-  feed.begin = 0;
-  feed.end = static_cast<uint32_t>(answer.tail.size());
-  std::memcpy(feed.routes, answer.tail.data(), answer.tail.size());
-  return TARN_OK;
+  if (threadFeed != nullptr && threadFeed->client != client) {
+    if (threadFeed->client != 0) {
+      ask(*threadFeed, false);
+    }
+    threadFeed->client = client;
+    threadFeed->handedOut = 0;
+  }
+  return threadFeed.get();
 }
 
 } // namespace
@@ -173,32 +137,23 @@ int32_t nextRouteChanges(uint32_t client, std::span<BestRouteRecord> records) {
   if (client == 0) {
     return TARN_INVALID;
   }
-  std::unique_lock<std::mutex> lock;
-  Feed *feed = lockFeed(client, lock);
+  Feed *feed = feedFor(client);
   if (feed == nullptr) {
     return TARN_FAILURE;
   }
-  const bool held = feed->begin != feed->end;
-  if (!held || publishedFor(tarnwire::BEST_ROUTE_CHANGE_NEXT_GET) == nullptr) {
-    if (const int32_t result = fetch(*feed, client, held); result != TARN_OK) {
+  int32_t result = TARN_OK;
+  if (!holdsValid(*feed)) {
+    result = ask(*feed, true).result;
+    if (result != TARN_OK && result != TARN_NO_MORE) {
       return result;
     }
   }
   std::span<const std::byte> rest(feed->routes + feed->begin, feed->end - feed->begin);
   const size_t count = unpackRoutes(rest, records);
+  feed->handedOut += static_cast<uint32_t>(count);
   // Bytes from which no route can be read are none.
   feed->begin = count == 0 ? feed->end : feed->end - static_cast<uint32_t>(rest.size());
-  // That nothing waits in orrin is known only now that it was asked: since the batch of an earlier call more may have come.
-  return !held && feed->last && feed->begin == feed->end ? TARN_NO_MORE : TARN_OK;
-}
-
-void forgetRouteChanges(uint32_t client) {
-  if (Feed *feed = client == 0 ? nullptr : findFeed(client)) {
-    const std::lock_guard guard(feed->lock);
-    if (feed->client.load(std::memory_order_relaxed) == client) {
-      feed->reset(0);
-    }
-  }
+  return feed->begin == feed->end ? result : TARN_OK;
 }
 
 } // namespace tarnclient

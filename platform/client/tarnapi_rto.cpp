@@ -79,14 +79,12 @@ extern "C" int32_t rpcclt_tarnapiBestRouteEventRegisterVr(tarnapiClient *, uint3
                                                           uint32_t *clientId) {
   const Answer answer = call(BEST_ROUTE_REGISTER, {vrfId, family, pid}, givenText(clientName));
   if (answer.result == TARN_OK) {
-    forgetRouteChanges(answer.values[0]);
     *clientId = answer.values[0];
   }
   return answer.result;
 }
 
 extern "C" int32_t rpcclt_tarnapiBestRouteEventDeregister(tarnapiClient *, uint32_t clientId) {
-  forgetRouteChanges(clientId);
   return plainCall(BEST_ROUTE_DEREGISTER, {clientId});
 }
 

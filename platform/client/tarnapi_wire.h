@@ -13,7 +13,7 @@ namespace tarnwire {
 inline constexpr const char *SOCKET_VARIABLE = "ORRIN_SOCKET";
 inline constexpr const char *DEFAULT_SOCKET = "/run/orrin/api";
 
-inline constexpr uint32_t PROTOCOL = 0x74617206; // changes with anything in this header or in published.h
+inline constexpr uint32_t PROTOCOL = 0x74617207; // changes with anything in this header or in published.h
 
 enum Op : uint32_t {
   SERVICE_CLIENT_REGISTER,
@@ -130,10 +130,10 @@ inline constexpr std::array<OpInfo, OP_COUNT> OPS = {{
     {STACK_INDEX_INTERFACE_GET,  "rpcclt_tarnapiStackIfIndexIntIfNumGet", 0, "index", "interface"},
     {BEST_ROUTE_REGISTER,        "rpcclt_tarnapiBestRouteEventRegisterVr", NAME_MAX_BYTES, "vrf family pid; name", "client"},
     {BEST_ROUTE_DEREGISTER,      "rpcclt_tarnapiBestRouteEventDeregister", 0, "client", ""},
-    {BEST_ROUTE_CHANGE_NEXT_GET, "rpcclt_tarnapiBestRouteChangeNextGetMult", 0,
-                                 "client batch-received(2 words, low first) records-held", "batch(2 words) records; routes"},
+    {BEST_ROUTE_CHANGE_NEXT_GET, "rpcclt_tarnapiBestRouteChangeNextGetMult", 0, "client handed-out more-wanted",
+                                 "table-changes(2 words, low first); routes"},
     {INTF_BEST_ROUTES_NEXT_GET,  "rpcclt_tarnapiIntfBestRoutesNextGet", 0, "client interface count prefix length",
-                                 "- - records; routes"},
+                                 "; routes"},
     {ROUTING_PROTOCOL_REGISTER,  "rpcclt_tarnapiRoutingProtocolRegister", 2 * NAME_MAX_BYTES,
                                  "vrf family protocol name-length; name code", "protocol"},
     {ROUTE_TYPE_REGISTER,        "rpcclt_tarnapiRouteTypeRegister", 2 * NAME_MAX_BYTES,
@@ -181,7 +181,7 @@ struct Reply {
 };
 
 inline constexpr size_t REQUEST_MAX = sizeof(Request) + longestTail();
-inline constexpr size_t REPLY_MAX = 65536;
+inline constexpr size_t REPLY_MAX = 32768;
 
 // Routes behind a reply, one after the other: RouteKey, then, unless the change is a delete, RouteBody and its next hops.
 struct RouteKey {

@@ -102,7 +102,7 @@ void ApiServer::answer(uint32_t number, std::string_view bytes, const Fault *fau
   if (fault != nullptr && fault->result) {
     answer.reply.result = *fault->result;
   } else {
-    answerRequest(sw_, request, {connection.process, bytes.substr(sizeof request)}, answer);
+    answerRequest(sw_, request, {number, connection.process, bytes.substr(sizeof request)}, answer);
   }
   sw_.journal.flush();
   if (fault != nullptr && fault->drop) {

@@ -4,7 +4,7 @@
 
 #include "tarnapi_wire.h"
 
-#include <cstring>
+#include <algorithm>
 
 namespace orrin {
 
@@ -12,125 +12,90 @@ namespace {
 
 constexpr size_t BEAT_EVERY = 8192; // entries of a long walk between two heartbeats
 
-void appendKey(std::string &out, const Prefix &prefix, tarnwire::RouteChange change) {
-  const tarnwire::RouteKey key{prefix.address, prefix.length, change, {}};
-  out.append(reinterpret_cast<const char *>(&key), sizeof key);
-}
+constexpr tarnwire::RouteChange WIRE_CHANGE[] = {tarnwire::ROUTE_ADD, tarnwire::ROUTE_MODIFY, tarnwire::ROUTE_DELETE};
 
-size_t bodyBytes(std::string_view routes) {
-  tarnwire::RouteBody body;
-  std::memcpy(&body, routes.data(), sizeof body);
-  return sizeof body + body.hopCount * sizeof(tarnwire::RouteHop);
+// Two changes of a prefix as one. An addition counts for more than a modification, which agents ignore for kernel routes.
+ChangeQueue::Kind both(ChangeQueue::Kind first, ChangeQueue::Kind second) {
+  using enum ChangeQueue::Kind;
+  if (second == DELETE || second == REPLACE) {
+    return second;
+  }
+  return first == DELETE || first == REPLACE ? REPLACE : std::min(first, second);
 }
 
 } // namespace
 
-void ChangeQueue::activate(const RouteMap &table, uint64_t firstBatch, const std::function<void()> &beat) {
-  const Kind kind = inherits_ ? REFRESH : ADD;
+void ChangeQueue::activate(const RouteMap &table, const std::function<void()> &beat) {
   size_t walked = 0;
   for (RouteMap::Place place = table.first(); const RouteMap::Entry *entry = table.at(place);
        place = table.next(place)) {
-    Kind *withdrawal = waiting_.empty() ? nullptr : waiting_.find(entry->prefix());
-    if (withdrawal != nullptr) {
-      *withdrawal = REPLACE;
-    } else {
-      waiting_.insert(entry->prefix(), kind);
-    }
+    add(entry->prefix(), ADD);
     if (++walked % BEAT_EVERY == 0) {
       beat();
     }
   }
-  batchNumber_ = firstBatch;
   live_ = true;
 }
 
 void ChangeQueue::retire() {
   waiting_ = withdrawn();
-  batch_.clear();
-  batchRecords_ = 0;
+  inFlight_.clear();
   live_ = false;
-  inherits_ = true;
 }
 
 void ChangeQueue::note(const Prefix &prefix, Kind what) {
-  unsettled_ = unsettled_ || what == DELETE || what == REPLACE;
+  const bool withdraws = what == DELETE || what == REPLACE;
+  unsettled_ = unsettled_ || withdraws;
   if (live_) {
-    noteLive(prefix, what);
-  } else if (what == DELETE || what == REPLACE) {
+    add(prefix, what);
+  } else if (withdraws) {
     waiting_.insert(prefix, DELETE);
   }
 }
 
-void ChangeQueue::noteLive(const Prefix &prefix, Kind what) {
-  Kind *pending = waiting_.find(prefix);
-  if (pending == nullptr) {
-    waiting_.insert(prefix, what);
-    return;
-  }
-  switch (what) {
-  case ADD:
-  case REFRESH:
-    *pending = *pending == DELETE ? REPLACE : *pending;
-    break;
-  case MODIFY:
-    break; // what waits is handed out with the attributes of that moment
-  case REPLACE:
-    *pending = *pending == ADD ? ADD : REPLACE;
-    break;
-  case DELETE:
-    if (*pending == ADD) {
-      waiting_.erase(prefix);
-    } else {
-      *pending = DELETE;
-    }
-    break;
+void ChangeQueue::add(const Prefix &prefix, Kind what) {
+  if (!waiting_.insert(prefix, what)) {
+    Kind &waits = *waiting_.find(prefix);
+    waits = both(waits, what);
   }
 }
 
-ChangeQueue::Batch ChangeQueue::fetch(uint64_t received, const RouteMap &table, const AttrTable &attrs, size_t bytes) {
-  if (received == batchNumber_) {
-    batch_.clear();
-    batchRecords_ = 0;
+// A change in flight is older than what waits for its prefix; the last ones in flight are the newest.
+void ChangeQueue::acknowledge(uint32_t connection, size_t handedOut) {
+  const size_t known = connection == connection_ ? handedOut : 0;
+  for (; inFlight_.size() > known; inFlight_.pop_back()) {
+    const Entry &entry = inFlight_.back();
+    if (!waiting_.insert(entry.prefix(), entry.value)) {
+      Kind &waits = *waiting_.find(entry.prefix());
+      waits = both(entry.value, waits);
+    }
   }
-  if (batchRecords_ == 0) {
-    ++batchNumber_;
-    batch_.clear();
-    encode(table, attrs, bytes);
-  }
-  return {batchNumber_, batchRecords_, batch_, waiting_.empty()};
+  inFlight_.clear();
+  connection_ = connection;
 }
 
-void ChangeQueue::encode(const RouteMap &table, const AttrTable &attrs, size_t bytes) {
-  RouteMap::Place place;
-  bool placed = false;
-  waiting_.takeFront([&](const PrefixMap<Kind>::Entry &entry) {
-    const Prefix prefix = entry.prefix();
-    std::string_view body;
-    if (entry.value != DELETE) {
-      // Both maps have one order: the next place is most often the one looked for.
-      const RouteMap::Entry *route = placed ? table.at(place) : nullptr;
-      if (route == nullptr || route->prefix() != prefix) {
-        place = table.notBefore(prefix);
-        route = table.at(place);
-      }
-      body = attrs.body(route->value);
-      place = table.next(place);
-      placed = true;
+bool ChangeQueue::fetch(const RouteMap &table, const AttrTable &attrs, size_t bytes, std::string &out) {
+  const auto append = [&](const Entry &entry, Kind what) {
+    const tarnwire::RouteKey key{entry.address, entry.length, WIRE_CHANGE[what], {}};
+    out.append(reinterpret_cast<const char *>(&key), sizeof key);
+    if (what != DELETE) {
+      out.append(attrs.body(*table.find(entry.prefix())));
     }
-    const size_t keys = entry.value == REPLACE ? 2 : 1;
-    if (batch_.size() + keys * sizeof(tarnwire::RouteKey) + body.size() > bytes) {
+    inFlight_.push_back({entry.address, what, entry.length});
+  };
+  const size_t full =
+      bytes - (sizeof(tarnwire::RouteKey) + tarnwire::ROUTE_MAX_BYTES); // no room for any further change
+  waiting_.takeFront([&](const Entry &entry) {
+    if (out.size() > full) {
       return false;
     }
-    if (entry.value == DELETE || entry.value == REPLACE) {
-      appendKey(batch_, prefix, tarnwire::ROUTE_DELETE);
+    if (entry.value == REPLACE) {
+      append(entry, DELETE);
     }
-    if (entry.value != DELETE) {
-      appendKey(batch_, prefix, entry.value == MODIFY ? tarnwire::ROUTE_MODIFY : tarnwire::ROUTE_ADD);
-      batch_.append(body);
-    }
-    batchRecords_ += static_cast<uint32_t>(keys);
+    append(entry, entry.value == REPLACE ? ADD : entry.value);
     return true;
   });
+  return waiting_.empty();
 }
 
 bool ChangeQueue::takeSettled() {
@@ -150,20 +115,16 @@ void ChangeQueue::settle() {
 
 PrefixMap<ChangeQueue::Kind> ChangeQueue::withdrawn() const {
   PrefixMap<Kind> prefixes;
-  for (auto place = waiting_.first(); const auto *entry = waiting_.at(place); place = waiting_.next(place)) {
-    if (entry->value == DELETE || entry->value == REPLACE) {
-      prefixes.insert(entry->prefix(), DELETE);
+  const auto take = [&prefixes](const Entry &entry) {
+    if (entry.value == DELETE || entry.value == REPLACE) {
+      prefixes.insert(entry.prefix(), DELETE);
     }
+  };
+  for (auto place = waiting_.first(); const Entry *entry = waiting_.at(place); place = waiting_.next(place)) {
+    take(*entry);
   }
-  for (std::string_view rest = batch_; !rest.empty();) {
-    tarnwire::RouteKey key;
-    std::memcpy(&key, rest.data(), sizeof key);
-    rest.remove_prefix(sizeof key);
-    if (key.change == tarnwire::ROUTE_DELETE) {
-      prefixes.insert({key.prefix, key.length}, DELETE);
-    } else {
-      rest.remove_prefix(bodyBytes(rest));
-    }
+  for (const Entry &entry : inFlight_) {
+    take(entry);
   }
   return prefixes;
 }

@@ -10,7 +10,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <ctime>
 
 namespace orrin {
 
@@ -33,13 +32,6 @@ std::string eventPath(const Client &client) {
   std::snprintf(path, sizeof path, client.kind == ClientKind::BEST_ROUTE ? "/tmp/rppi_brc.%04u" : "/tmp/rppi_rec.%04u",
                 client.id);
   return path;
-}
-
-// No earlier batch of the client, nor of an orrin before this one, has had a number from here on.
-uint64_t freshBatchNumber() {
-  timespec now;
-  clock_gettime(CLOCK_REALTIME, &now);
-  return static_cast<uint64_t>(now.tv_sec) * 1000000000 + static_cast<uint64_t>(now.tv_nsec);
 }
 
 Client *findNamed(Switch &sw, ClientKind kind, uint32_t vrf, std::string_view name) {
@@ -67,7 +59,7 @@ void activate(Switch &sw, Client &client, UniqueFd pidFd) {
     sw.poller.watch(client.pidFd.get(), EPOLLIN, Watched::CLIENT_PROCESS, client.id);
   }
   if (client.kind == ClientKind::BEST_ROUTE) {
-    client.changes.activate(sw.vrfs.at(client.vrf).routes, freshBatchNumber(), [&sw] { sw.page.beat(); });
+    client.changes.activate(sw.vrfs.at(client.vrf).routes, [&sw] { sw.page.beat(); });
     notifyBestRouteClients(sw, {&client});
   } else {
     deliverEvents(sw, client);

@@ -31,6 +31,9 @@ bool Publisher::open() {
     return false;
   }
   page_ = new (memory) Published{};
+  timespec now;
+  clock_gettime(CLOCK_REALTIME, &now);
+  page_->tableChanges.store(static_cast<uint64_t>(now.tv_sec) * 1000000000 + static_cast<uint64_t>(now.tv_nsec));
   fd_ = std::move(fd);
   beat();
   // Our own mapping goes on writing; nobody makes another writable one.
@@ -41,6 +44,16 @@ void Publisher::beat() {
   if (page_ != nullptr) {
     page_->heartbeatMs.store(tarnwire::coarseMilliseconds(), std::memory_order_release);
   }
+}
+
+void Publisher::tableChanged() {
+  if (page_ != nullptr) {
+    page_->tableChanges.store(tableChanges() + 1, std::memory_order_release);
+  }
+}
+
+uint64_t Publisher::tableChanges() const {
+  return page_ == nullptr ? 0 : page_->tableChanges.load(std::memory_order_relaxed);
 }
 
 void Publisher::systemReady(bool ready) {

@@ -26,6 +26,8 @@ public:
   int fd() const { return fd_.get(); }
 
   void beat();
+  void tableChanged();
+  uint64_t tableChanges() const;
   void systemReady(bool ready);
   void gateways(const Gateways &gateways);
   void fault(tarnwire::Op op, bool set);

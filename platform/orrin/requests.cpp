@@ -134,20 +134,19 @@ int32_t bestRouteChangeNextGet(const Call &call) {
   if (client == nullptr) {
     return TARN_NOT_FOUND;
   }
-  if (call.args[3] != 0) { // the library has records to hand out and only asks whether it may
-    return TARN_OK;
-  }
-  const uint64_t received = uint64_t{call.args[2]} << 32 | call.args[1];
-  const ChangeQueue::Batch batch = client->changes.fetch(received, call.sw.vrfs.at(client->vrf).routes, call.sw.attrs,
-                                                         tarnwire::REPLY_MAX - sizeof(tarnwire::Reply));
-  if (client->changes.takeSettled()) {
+  ChangeQueue &changes = client->changes;
+  changes.acknowledge(call.context.connection, call.args[1]);
+  if (changes.takeSettled()) {
     call.sw.journal.append("client settled " + std::to_string(client->id));
   }
-  call.value(0, static_cast<uint32_t>(batch.number));
-  call.value(1, static_cast<uint32_t>(batch.number >> 32));
-  call.value(2, batch.records);
-  call.answer.tail = batch.routes;
-  if (!batch.last) {
+  if (call.args[2] == 0) {
+    return TARN_OK;
+  }
+  constexpr size_t ROOM = tarnwire::REPLY_MAX - sizeof(tarnwire::Reply);
+  const bool last = changes.fetch(call.sw.vrfs.at(client->vrf).routes, call.sw.attrs, ROOM, call.answer.tail);
+  call.value(0, static_cast<uint32_t>(call.sw.page.tableChanges()));
+  call.value(1, static_cast<uint32_t>(call.sw.page.tableChanges() >> 32));
+  if (!last) {
     return TARN_OK;
   }
   client->notified = false;
@@ -156,6 +155,7 @@ int32_t bestRouteChangeNextGet(const Call &call) {
 
 int32_t interfaceBestRoutesNextGet(const Call &call) {
   constexpr uint32_t LIMIT = 50;
+  static_assert(LIMIT * tarnwire::ROUTE_MAX_BYTES <= tarnwire::REPLY_MAX - sizeof(tarnwire::Reply));
   const Client *client = findClient(call.sw, ClientKind::BEST_ROUTE, call.args[0]);
   if (client == nullptr) {
     return TARN_NOT_FOUND;
@@ -163,11 +163,9 @@ int32_t interfaceBestRoutesNextGet(const Call &call) {
   if (call.args[2] == 0 || call.args[4] > 32) {
     return TARN_INVALID;
   }
-  bool more = false;
   const Prefix key{call.args[3], static_cast<uint8_t>(call.args[4])};
-  const uint32_t records = encodeRoutesThrough(call.sw, call.sw.vrfs.at(client->vrf), call.args[1], key,
-                                               std::min(call.args[2], LIMIT), call.answer.tail, more);
-  call.value(2, records);
+  const bool more = encodeRoutesThrough(call.sw, call.sw.vrfs.at(client->vrf), call.args[1], key,
+                                        std::min(call.args[2], LIMIT), call.answer.tail);
   return more ? TARN_OK : TARN_NO_MORE;
 }
 

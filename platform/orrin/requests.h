@@ -11,7 +11,8 @@
 namespace orrin {
 
 struct RequestContext {
-  uint32_t process = 0; // at the other end of the connection
+  uint32_t connection = 0; // no other of this orrin has the number
+  uint32_t process = 0;    // at its other end
   std::string_view tail;
 };
 

@@ -101,6 +101,13 @@ ChangeQueue::Kind withdrawRoute(Switch &sw, Vrf &vrf, const Prefix &prefix) {
   return ChangeQueue::DELETE;
 }
 
+void tell(Switch &sw, const std::vector<Client *> &clients, const Prefix &prefix, ChangeQueue::Kind what) {
+  for (Client *client : clients) {
+    client->changes.note(prefix, what);
+  }
+  sw.page.tableChanged();
+}
+
 } // namespace
 
 std::string editRoutes(Switch &sw, RouteEdit edit, uint32_t vrfId, const Prefix &first, uint32_t count,
@@ -120,9 +127,7 @@ std::string editRoutes(Switch &sw, RouteEdit edit, uint32_t vrfId, const Prefix 
     const Prefix prefix = nth(first, index);
     const ChangeQueue::Kind kind =
         edit == RouteEdit::REMOVE ? withdrawRoute(sw, *vrf, prefix) : setRoute(sw, *vrf, prefix, id);
-    for (Client *client : clients) {
-      client->changes.note(prefix, kind);
-    }
+    tell(sw, clients, prefix, kind);
     beat();
   }
   notifyBestRouteClients(sw, clients);
@@ -138,10 +143,7 @@ void refreshRoute(Switch &sw, Vrf &vrf, const Prefix &prefix) {
     return;
   }
   const std::vector<Client *> clients = bestRouteClients(sw, vrf.id);
-  const ChangeQueue::Kind kind = withdrawRoute(sw, vrf, prefix);
-  for (Client *client : clients) {
-    client->changes.note(prefix, kind);
-  }
+  tell(sw, clients, prefix, withdrawRoute(sw, vrf, prefix));
   notifyBestRouteClients(sw, clients);
 }
 
@@ -155,11 +157,10 @@ size_t routesThrough(const Switch &sw, uint32_t interface) {
   return routes;
 }
 
-uint32_t encodeRoutesThrough(Switch &sw, const Vrf &vrf, uint32_t interface, const Prefix &key, uint32_t limit,
-                             std::string &out, bool &more) {
+bool encodeRoutesThrough(Switch &sw, const Vrf &vrf, uint32_t interface, const Prefix &key, uint32_t limit,
+                         std::string &out) {
   const std::vector<bool> wanted = attrsThrough(sw, interface);
   uint32_t records = 0;
-  more = false;
   RouteMap::Place place = vrf.routes.notBefore(key);
   const bool fromStart = key == Prefix{};
   Beat beat(sw);
@@ -169,14 +170,13 @@ uint32_t encodeRoutesThrough(Switch &sw, const Vrf &vrf, uint32_t interface, con
       continue;
     }
     if (records == limit) {
-      more = true;
-      break;
+      return true;
     }
     const tarnwire::RouteKey record{entry->address, entry->length, tarnwire::ROUTE_ADD, {}};
     out.append(reinterpret_cast<const char *>(&record), sizeof record).append(sw.attrs.body(entry->value));
     ++records;
   }
-  return records;
+  return false;
 }
 
 void requeueRoutesThrough(Switch &sw, const Vrf &vrf, uint32_t interface) {
@@ -187,7 +187,7 @@ void requeueRoutesThrough(Switch &sw, const Vrf &vrf, uint32_t interface) {
        place = vrf.routes.next(place)) {
     for (Client *client : clients) {
       if (wanted[entry->value]) {
-        client->changes.note(entry->prefix(), ChangeQueue::REFRESH);
+        client->changes.note(entry->prefix(), ChangeQueue::ADD);
       }
     }
     beat();
@@ -203,6 +203,7 @@ void removeAllRoutes(Switch &sw, Vrf &vrf) {
     beat();
   }
   vrf.routes.clear();
+  sw.page.tableChanged();
 }
 
 void appendRoutes(Switch &sw, const Vrf &vrf, bool runs, std::string &out) {

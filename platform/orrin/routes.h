@@ -21,10 +21,10 @@ void refreshRoute(Switch &sw, Vrf &vrf, const Prefix &prefix);
 // The switch's own with a next hop on the interface.
 size_t routesThrough(const Switch &sw, uint32_t interface);
 
-// Routes through the interface in wire form, strictly after `key` (0/0: from the start). Returns their number; `more` says
-// that the limit ended it.
-uint32_t encodeRoutesThrough(Switch &sw, const Vrf &vrf, uint32_t interface, const Prefix &key, uint32_t limit,
-                             std::string &out, bool &more);
+// Appends routes through the interface in wire form, strictly after `key` (0/0: from the start). True when there are more
+// than `limit`.
+bool encodeRoutesThrough(Switch &sw, const Vrf &vrf, uint32_t interface, const Prefix &key, uint32_t limit,
+                         std::string &out);
 
 // Hands the routes through the interface out once more, to all best-route clients of the VRF.
 void requeueRoutesThrough(Switch &sw, const Vrf &vrf, uint32_t interface);

@@ -34,17 +34,16 @@ std::string prefixOf(const BestRouteRecord &record) {
 class SwitchClient : public SwitchFixture {
 protected:
   Fetched fetch(uint32_t id, uint32_t count = BATCH) {
-    Fetched fetched;
-    buffer.assign(BATCH, BestRouteRecord{});
-    tarn_buffdesc desc{static_cast<uint32_t>(buffer.size() * sizeof buffer[0]),
-                       reinterpret_cast<char *>(buffer.data())};
-    fetched.result = rpcclt_tarnapiBestRouteChangeNextGetMult(client, id, count, &desc);
-    for (const BestRouteRecord &record : buffer) {
-      if (record.valid != 0) {
-        fetched.records.push_back(record);
-      }
-    }
-    return fetched;
+    const tarn_buffdesc desc = clearedBuffer();
+    return fetched(rpcclt_tarnapiBestRouteChangeNextGetMult(client, id, count, &desc));
+  }
+
+  // The first batch of the interface's routes, or the one after the key.
+  Fetched interfaceRoutes(uint32_t id, uint32_t interface, const BestRouteRecord &key = {}) {
+    const tarn_buffdesc desc = clearedBuffer();
+    buffer[0].prefix.ipv4 = key.prefix.ipv4;
+    buffer[0].prefixLen = key.prefixLen;
+    return fetched(rpcclt_tarnapiIntfBestRoutesNextGet(client, id, interface, BATCH, &desc));
   }
 
   // All changes up to the last batch, as "add 10.0.0.0/8".
@@ -67,6 +66,19 @@ protected:
     const tarn_buffdesc name{sizeof text, text};
     const int32_t result = rpcclt_tarnapiVrfNameGet(client, VRF, &name);
     return result == TARN_OK ? std::string(text) : "error " + std::to_string(result);
+  }
+
+private:
+  tarn_buffdesc clearedBuffer() {
+    buffer.assign(BATCH, BestRouteRecord{});
+    return {static_cast<uint32_t>(buffer.size() * sizeof buffer[0]), reinterpret_cast<char *>(buffer.data())};
+  }
+
+  Fetched fetched(int32_t result) const {
+    Fetched fetched{result, {}};
+    std::copy_if(buffer.begin(), buffer.end(), std::back_inserter(fetched.records),
+                 [](const BestRouteRecord &record) { return record.valid != 0; });
+    return fetched;
   }
 
   std::vector<BestRouteRecord> buffer;
@@ -265,15 +277,37 @@ TEST_F(SwitchClient, ABatchIsLastExactlyWhenNothingWaits) {
   EXPECT_EQ(full.result, TARN_NO_MORE) << "exactly full, and the last";
 }
 
-TEST_F(SwitchClient, WhatComesWhileRecordsAreHeldIsNotOverlooked) {
+TEST_F(SwitchClient, NothingIsHandedOutThatWasWithdrawnBefore) {
   uint32_t id = 0;
   ASSERT_EQ(registerBestRoute(id), TARN_OK);
-  orrin.run("routes add vrf 3 10.0.0.0/24 count 10 via 10.1.1.2 interface 11");
-  EXPECT_EQ(fetch(id, 5).result, TARN_OK);
+  orrin.run("routes add vrf 3 10.0.0.0/24 count 5 via 10.1.1.2 interface 11");
+  EXPECT_EQ(fetch(id, 2).result, TARN_OK);
+  orrin.run("route del vrf 3 10.0.0.0/24"); // handed out
+  orrin.run("route del vrf 3 10.0.3.0/24"); // fetched by the library, not handed out
   orrin.run("route add vrf 3 11.0.0.0/8 via 10.1.1.2 interface 11");
-  const Changes rest = drain(id);
-  ASSERT_EQ(rest.size(), 6u) << "the new one before the end";
-  EXPECT_EQ(rest.back(), "add 11.0.0.0/8");
+  EXPECT_EQ(drain(id),
+            (Changes{"del 10.0.0.0/24", "add 10.0.2.0/24", "del 10.0.3.0/24", "add 10.0.4.0/24", "add 11.0.0.0/8"}));
+}
+
+TEST_F(SwitchClient, ARouteOfAnInterfaceIsWithdrawnThoughItsAdditionWasNotFetched) {
+  uint32_t id = 0;
+  ASSERT_EQ(registerBestRoute(id), TARN_OK);
+  orrin.run("routes add vrf 3 10.0.0.0/24 count 2 via 10.1.1.2 interface 11");
+  EXPECT_EQ(interfaceRoutes(id, 11).records.size(), 2u);
+  orrin.run("route del vrf 3 10.0.0.0/24");
+  EXPECT_EQ(interfaceRoutes(id, 11).records.size(), 1u);
+  EXPECT_EQ(drain(id), (Changes{"del 10.0.0.0/24", "add 10.0.1.0/24"}));
+}
+
+TEST_F(SwitchClient, ClientsOfOneThreadTakeTurns) {
+  uint32_t ids[2] = {};
+  ASSERT_EQ(registerBestRoute(ids[0], "one"), TARN_OK);
+  ASSERT_EQ(registerBestRoute(ids[1], "two"), TARN_OK);
+  orrin.run("routes add vrf 3 10.0.0.0/24 count 120 via 10.1.1.2 interface 11");
+  for (const size_t expected : {50, 50, 20, 0}) {
+    EXPECT_EQ(fetch(ids[0]).records.size(), expected);
+    EXPECT_EQ(fetch(ids[1]).records.size(), expected);
+  }
 }
 
 TEST_F(SwitchClient, AHundredThousandChangesComeOnceEach) {
@@ -293,10 +327,10 @@ TEST_F(SwitchClient, ALostAnswerComesAgain) {
   orrin.run("fault set BestRouteChangeNextGetMult drop once");
   EXPECT_EQ(fetch(id).result, TARN_FAILURE);
   orrin.run("route del vrf 3 10.0.0.0/24"); // its add may have been received
-  Changes changes = drain(id);
-  ASSERT_EQ(changes.size(), 61u);
-  EXPECT_EQ(changes.front(), "add 10.0.0.0/24");
-  EXPECT_EQ(changes.back(), "del 10.0.0.0/24");
+  const Changes changes = drain(id);
+  ASSERT_EQ(changes.size(), 60u);
+  EXPECT_EQ(changes[0], "del 10.0.0.0/24") << "and no addition";
+  EXPECT_EQ(changes[1], "add 10.0.1.0/24");
 }
 
 TEST_F(SwitchClient, AFaultReachesACallThatTheLibraryCouldServe) {
@@ -457,24 +491,18 @@ TEST_F(SwitchClient, InterfaceRoutesComeStrictlyAfterTheKey) {
   orrin.run("route add vrf 3 0.0.0.0/0 via 10.1.2.2 interface 12");
   uint32_t id = 0;
   ASSERT_EQ(registerBestRoute(id), TARN_OK);
-  buffer.assign(BATCH, BestRouteRecord{});
-  tarn_buffdesc desc{static_cast<uint32_t>(buffer.size() * sizeof buffer[0]), reinterpret_cast<char *>(buffer.data())};
-  int32_t result = rpcclt_tarnapiIntfBestRoutesNextGet(client, id, 12, BATCH, &desc);
-  EXPECT_EQ(result, TARN_OK);
-  BestRouteRecord last = buffer[BATCH - 1];
-  EXPECT_EQ(prefixOf(buffer[0]), "0.0.0.0/0");
-  EXPECT_EQ(prefixOf(last), "10.0.48.0/24");
-  buffer.assign(BATCH, BestRouteRecord{});
-  buffer[0].prefix.ipv4 = last.prefix.ipv4;
-  buffer[0].prefixLen = last.prefixLen;
-  EXPECT_EQ(rpcclt_tarnapiIntfBestRoutesNextGet(client, id, 12, BATCH, &desc), TARN_NO_MORE);
-  EXPECT_EQ(prefixOf(buffer[0]), "10.0.49.0/24");
-  EXPECT_EQ(std::count_if(buffer.begin(), buffer.end(), [](const auto &record) { return record.valid != 0; }), 21);
-  buffer.assign(BATCH, BestRouteRecord{});
-  buffer[0].prefix.ipv4 = 0x0A004500; // 10.0.69.0/24, the last
-  buffer[0].prefixLen = 24;
-  EXPECT_EQ(rpcclt_tarnapiIntfBestRoutesNextGet(client, id, 12, BATCH, &desc), TARN_NO_MORE);
-  EXPECT_EQ(buffer[0].valid, 0);
+  const Fetched first = interfaceRoutes(id, 12);
+  EXPECT_EQ(first.result, TARN_OK);
+  ASSERT_EQ(first.records.size(), BATCH);
+  EXPECT_EQ(prefixOf(first.records.front()), "0.0.0.0/0");
+  EXPECT_EQ(prefixOf(first.records.back()), "10.0.48.0/24");
+  const Fetched second = interfaceRoutes(id, 12, first.records.back());
+  EXPECT_EQ(second.result, TARN_NO_MORE);
+  ASSERT_EQ(second.records.size(), 21u);
+  EXPECT_EQ(prefixOf(second.records.front()), "10.0.49.0/24");
+  const Fetched behind = interfaceRoutes(id, 12, second.records.back());
+  EXPECT_EQ(behind.result, TARN_NO_MORE);
+  EXPECT_TRUE(behind.records.empty());
 }
 
 TEST_F(SwitchClient, ThreadsCallAtTheSameTime) {

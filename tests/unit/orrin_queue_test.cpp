@@ -69,29 +69,35 @@ TEST(OrrinPrefixMap, DoesWhatAnOrderedMapDoes) {
   EXPECT_EQ(walk(map, map.first()).front(), taken.back()) << "the refused one stays";
 }
 
-// A client as the agent is one: what it is told, it does.
+// A client as the agent is one: what it is handed out, it does.
 class Holder {
 public:
-  // Strict: is never told anything that it need not be told.
-  void apply(std::string_view routes, bool strict) {
-    while (!routes.empty()) {
+  // Applies changes up to a number; returns how many. Each must be what the table says of its prefix now.
+  size_t apply(std::string_view routes, size_t most, const std::map<Order, uint32_t> &table) {
+    size_t done = 0;
+    for (; !routes.empty() && done < most; ++done) {
       tarnwire::RouteKey key;
       std::memcpy(&key, routes.data(), sizeof key);
       routes.remove_prefix(sizeof key);
       const Order order{key.prefix, key.length};
       if (key.change == tarnwire::ROUTE_DELETE) {
-        EXPECT_TRUE(held.erase(order) == 1 || !strict) << "withdrawn without having been there";
+        held.erase(order);
         continue;
       }
       tarnwire::RouteBody body;
       std::memcpy(&body, routes.data(), sizeof body);
       routes.remove_prefix(sizeof body);
-      const bool known = held.contains(order);
-      EXPECT_TRUE(!strict || known == (key.change == tarnwire::ROUTE_MODIFY));
-      // Modifies of local and kernel routes are passed over, as the agent does.
-      if (key.change == tarnwire::ROUTE_ADD || body.type == RouteAttrs::ORDINARY) {
-        held[order] = body.metric;
-      }
+      EXPECT_TRUE(table.contains(order) && table.at(order) == body.metric)
+          << "handed out after it was withdrawn or changed";
+      install(order, body.metric, body.type, key.change == tarnwire::ROUTE_ADD);
+    }
+    return done;
+  }
+
+  // Local routes are not installed, and modifies of them are passed over, as the agent does.
+  void install(const Order &order, uint32_t metric, uint8_t type, bool add) {
+    if (type == RouteAttrs::ORDINARY || (add && !held.contains(order))) {
+      held[order] = metric;
     }
   }
 
@@ -103,7 +109,7 @@ protected:
   AttrId attrsOf(uint8_t type, uint32_t metric) {
     RouteAttrs described;
     described.type = type;
-    described.metric = type == RouteAttrs::ORDINARY ? metric : 0; // what a modify may change
+    described.metric = type == RouteAttrs::ORDINARY ? metric : LOCAL_METRIC; // what a modify may change
     return attrs.intern(encodeAttrs(described), 1);
   }
 
@@ -124,16 +130,25 @@ protected:
     }
   }
 
-  // One request; false when nothing more waits.
-  bool fetch(bool strict, bool lost) {
-    const ChangeQueue::Batch batch = queue.fetch(received, table, attrs, 3 * tarnwire::ROUTE_MAX_BYTES);
-    if (lost) {
-      return true;
+  // The client gets a route from the routes of an interface, past the queue.
+  void handOutPastTheQueue() {
+    const auto place = table.notBefore({random(40) << 24, 8});
+    if (const RouteMap::Entry *entry = table.at(place)) {
+      holder.held.erase(orderOf(entry->prefix()));
+      const RouteAttrs described = decodeAttrs(attrs.body(entry->value));
+      holder.install(orderOf(entry->prefix()), described.metric, described.type, true);
     }
-    EXPECT_NE(batch.number, received);
-    received = batch.number;
-    holder.apply(batch.routes, strict);
-    return !batch.last;
+  }
+
+  // One request, of whose answer the client applies all or a part, or which it loses and asks over the next connection. False
+  // when nothing more waits.
+  bool fetch(bool lost = false, size_t most = SIZE_MAX) {
+    queue.acknowledge(connection, handedOut);
+    std::string routes;
+    const bool last = queue.fetch(table, attrs, 4 * tarnwire::ROUTE_MAX_BYTES, routes);
+    handedOut = lost ? 0 : holder.apply(routes, most, tableNow());
+    connection += lost ? 1 : 0;
+    return !last;
   }
 
   std::map<Order, uint32_t> tableNow() const {
@@ -145,25 +160,29 @@ protected:
   }
 
   void activate() {
-    queue.activate(table, firstBatch += 1000000, [] {});
+    queue.activate(table, [] {});
   }
+
+  static constexpr uint32_t LOCAL_METRIC = 99;
 
   Dice random{GetParam()};
   AttrTable attrs;
   RouteMap table;
   ChangeQueue queue;
   Holder holder;
-  uint64_t received = 0;
-  uint64_t firstBatch = 0;
+  uint32_t connection = 1;
+  size_t handedOut = 0;
 };
 
 TEST_P(QueueWalk, TheClientEndsWithTheTable) {
-  bool strict = true;
   activate();
   for (int step = 0; step < 4000; ++step) {
     changeTable();
     if (random(5) == 0) {
-      fetch(strict, random(4) == 0);
+      fetch(random(4) == 0, random(2) == 0 ? random(20) : SIZE_MAX);
+    }
+    if (random(5) == 0) {
+      handOutPastTheQueue();
     }
     if (random(300) == 0) { // the client goes on without its registration for a while, as with orrin started anew
       queue.retire();
@@ -171,10 +190,10 @@ TEST_P(QueueWalk, TheClientEndsWithTheTable) {
         changeTable();
       }
       activate();
-      strict = false;
+      ++connection;
     }
     if (random(100) == 0) {
-      while (fetch(strict, false)) {
+      while (fetch()) {
       }
       ASSERT_EQ(holder.held, tableNow()) << "step " << step;
     }
@@ -184,6 +203,7 @@ TEST_P(QueueWalk, TheClientEndsWithTheTable) {
 INSTANTIATE_TEST_SUITE_P(Seeds, QueueWalk, testing::Range(1u, 9u));
 
 TEST(OrrinQueue, KeepsWhatASuccessorMustWithdraw) {
+  constexpr uint32_t CONNECTION = 7;
   AttrTable attrs;
   RouteMap table;
   const AttrId id = attrs.intern(encodeAttrs({}), 1);
@@ -192,16 +212,19 @@ TEST(OrrinQueue, KeepsWhatASuccessorMustWithdraw) {
   table.insert(one, id);
   table.insert(two, id);
   ChangeQueue queue;
-  queue.activate(table, 100, [] {});
-  const ChangeQueue::Batch adds = queue.fetch(0, table, attrs, 65536);
-  EXPECT_TRUE(adds.last);
+  queue.activate(table, [] {});
+  queue.acknowledge(CONNECTION, 0);
+  std::string routes;
+  EXPECT_TRUE(queue.fetch(table, attrs, 65536, routes));
+  queue.acknowledge(CONNECTION, 2);
   EXPECT_FALSE(queue.takeSettled()) << "no withdrawal was among it";
   table.erase(one);
   queue.note(one, ChangeQueue::DELETE);
-  const uint64_t number = queue.fetch(adds.number, table, attrs, 65536).number;
+  queue.acknowledge(CONNECTION, 0);
+  queue.fetch(table, attrs, 65536, routes);
   EXPECT_FALSE(queue.takeSettled()) << "it may not have arrived";
   EXPECT_EQ(queue.withdrawn().size(), 1u);
-  queue.fetch(number, table, attrs, 65536);
+  queue.acknowledge(CONNECTION, 1);
   EXPECT_TRUE(queue.takeSettled());
   EXPECT_FALSE(queue.takeSettled());
   EXPECT_TRUE(queue.withdrawn().empty());

@@ -216,11 +216,20 @@ def change(switch, command):
 
 def check(agents, steps, number, say):
     started = time.monotonic()
-    supervise(agents, [], say)
     for agent in agents:
         if steps.routing[agent.vrf.id]:  # else it may be waiting for routing, as long as that takes
-            labnet.until_mirrored(agent.vrf, SETTLE_SECONDS, ("interfaces", "routes"))
+            labnet.until(lambda: mirrored(agent.vrf, agents, say), SETTLE_SECONDS,
+                         lambda: f"VRF {agent.vrf.id} is mirrored; still different:\n{different(agent.vrf)}")
     say(f"{number}: the kernels mirror the switch, after {time.monotonic() - started:.1f} s")
+
+
+def mirrored(vrf, agents, say):
+    supervise(agents, [], say)  # an agent that was starting when the switch was killed ends itself only now
+    return not different(vrf)
+
+
+def different(vrf):
+    return labnet.differences(vrf, ("interfaces", "routes"))
 
 
 def main():

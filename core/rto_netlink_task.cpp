@@ -8,6 +8,7 @@
 #include "rto_netlink_known.h"
 #include "rto_netlink_trace.h"
 
+#include <bitset>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -128,6 +129,9 @@ struct Resync {
   size_t slot = 0;          // where the search for routes to withdraw goes on
 } resync;
 
+// Interfaces that RTO has dropped routes of without a withdrawal, as it does when one goes down. Until the next resync.
+std::bitset<UINT16_MAX + 1> droppedInterfaces;
+
 // A report that failed is made again by the next resync.
 template <typename Route> RtoStatus reportMake(const RouteAction<Route> &action, const Route &route) {
   const uint32_t start = currentGetTime();
@@ -142,6 +146,9 @@ template <typename Route> RtoStatus reportMake(const RouteAction<Route> &action,
 void additionNote(RtoKnownRoute route, RtoStatus status) {
   const RtoKnownRoute *known = rtoKnownRoutes.find(route);
   const bool held = known != nullptr && known->is(RTO_KNOWN_HELD); // also of a route that it replaces
+  if (held && status == RTO_DONE && !known->is(RTO_KNOWN_PENDING) && known->sameContent(route)) {
+    droppedInterfaces.set(route.intIfNum); // RTO would have answered that it has the route
+  }
   route.set(RTO_KNOWN_SEEN);
   if (held || status == RTO_DONE || status == RTO_EXISTS || status == RTO_FAILURE) {
     route.set(RTO_KNOWN_HELD);
@@ -198,8 +205,12 @@ void resyncBegin() {
     if (known.is(RTO_KNOWN_GONE)) { // since an earlier begin; a dump that shows it now is right
       known.set(RTO_KNOWN_PENDING);
     }
+    if (droppedInterfaces.test(known.intIfNum)) {
+      known.set(RTO_KNOWN_PENDING);
+    }
     known.clear(RTO_KNOWN_SEEN | RTO_KNOWN_GONE);
   }
+  droppedInterfaces.reset();
   resync = {.comparing = true};
 }
 
@@ -301,6 +312,7 @@ int rtoNetlinkFini() {
   }
   rtoKnownRoutes.removeAll();
   resync = {};
+  droppedInterfaces.reset();
   return 0;
 }
 

@@ -188,6 +188,23 @@ def test_a_switch_that_does_not_answer_loses_no_route():
     assert how_many(system) == len(CONNECTED) + 40
 
 
+def test_losses_after_a_link_was_down():
+    """Neither the kernel nor the switch announces that it drops the routes through it; the agent's record still has them."""
+    system = labnet.start_system()
+    blue, agent = system.vrfs[0], system.agents[0]
+    prefixes, _ = foreign(28, 10000)
+    for link_was_down in (False, True):
+        if link_was_down:
+            system.switch.ctl("interface", "disable", 301)
+            until(lambda: how_many(system) == 1, 10, "the switch has dropped the routes")
+            system.switch.ctl("interface", "enable", 301)
+        until_kernel_routes(system, CONNECTED)
+        drops = counts(agent)["queue drops while queueing to qv-ext-route-task"]
+        ip_route(blue, "add", [f"{prefix} via 10.1.0.2" for prefix in prefixes])
+        until_synchronised(system)
+        assert counts(agent)["queue drops while queueing to qv-ext-route-task"] > drops, "the queue was too short"
+
+
 def bird(blue):
     """A routing daemon that exports static routes; returns its process and the function that gives it others."""
     folder = pathlib.Path("/tmp/bird")

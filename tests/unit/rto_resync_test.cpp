@@ -146,6 +146,7 @@ TEST_F(RtoResyncTest, Conversations) {
        "added 1, deleted 1, not deleted 1"},
       {"RTO has nothing to withdraw", "+1a !-25 { } !0 { }", "+1a -1a", "added 1"},
       {"RTO withdraws only what it holds", "+1b !-25 -1a !0 { }", "+1b -1a -1b", "added 1, deleted 1"},
+      {"RTO has dropped routes in silence", "+1a +2a +1a { =1a =2a } { =1a =2a }", "+1a +2a +1a +1a +2a", "added 5"},
       {"RTO does not answer: one report a resync", "{ !-26s =1a =2a =3a } !0 { =1a =2a =3a }", "+1a +1a +2a +3a",
        "added 3, not added 1"},
       {"the same for withdrawals", "+1a +1b !-26s { } !0 { }", "+1a +1b -1b -1b", "added 2, deleted 1, not deleted 1"},

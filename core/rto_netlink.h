@@ -152,7 +152,7 @@ bool rtoMessageSend(std::unique_ptr<rto_extRoute_msg> msg);
 // much. Listener's thread; requests that come before the dump begins are one.
 void rtoResyncRequest();
 
-// The same from any thread: also wakes the listener, by a message to its socket that means nothing.
+// The same from any thread, for a report that failed: also wakes the listener, by a message to its socket that means nothing.
 void rtoResyncRequestAndWake();
 
 extern std::atomic<uint32_t> rtoListenerPort; // of the listener's netlink socket; 0 = there is none

@@ -1,5 +1,5 @@
 // The dump of a resync: after notifications were lost, the kernel's main table is read on a socket of its own, in parts, and
-// each foreign route goes to the task, which reports what differs. Listener's thread, except rtoResyncRequest().
+// each foreign route goes to the task, which reports what differs. Listener's thread, except rtoResyncRequestAndWake().
 
 #include "rto_netlink_dump.h"
 
@@ -29,6 +29,7 @@ constexpr uint32_t QUEUED_MAX = EXT_ROUTE_QUEUE_DEPTH - PART_SIZE / ROUTE_SIZE_M
 alignas(nlmsghdr) std::array<std::byte, PART_SIZE> partBuffer;
 
 std::atomic<bool> requested = false;
+uint32_t losses = 0; // requests of the listener itself
 
 struct Pace {
   uint32_t endedAt = 0; // of the last dump, milliseconds since boot
@@ -88,13 +89,15 @@ bool meansEmpty(int error) {
 } // namespace
 
 void rtoResyncRequest() {
+  ++losses;
   requested = true;
 }
 
-// A socket that is full needs no message: its listener is awake.
+// A socket that is full needs no message: its listener is awake. So is one that opens its socket after the request.
 void rtoResyncRequestAndWake() {
+  const bool pending = requested.exchange(true);
   const uint32_t port = rtoListenerPort;
-  if (requested.exchange(true) || port == 0) {
+  if (pending || port == 0) {
     return;
   }
   const UniqueFd sock(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE));
@@ -142,6 +145,7 @@ void RtoDump::begin() {
   pace.begin();
   requested = false; // what is lost from now on requests another
   complete_ = true;
+  losses_ = losses;
   withdrawals_ = rtoWithdrawalCount;
   sock_ = UniqueFd(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE));
   // Lets the kernel leave out the other tables; an older one sends them all.
@@ -197,9 +201,10 @@ bool RtoDump::messagesProcess(NetlinkBytes part) {
 }
 
 // Where the kernel resumes a dump it counts routes, so a withdrawal may make it leave one out. A dump beside which routes
-// were withdrawn, or notifications lost, proves no route gone; the next one may.
+// were withdrawn, or notifications lost, proves no route gone; the next one may. A report that failed does not matter here:
+// the task's record has it as pending.
 void RtoDump::end() {
-  const bool proof = complete_ && withdrawals_ == rtoWithdrawalCount && !requested;
+  const bool proof = complete_ && losses_ == losses && withdrawals_ == rtoWithdrawalCount;
   if (!proof || !markSend(RT_RESYNC_END)) {
     breakOff();
     return;

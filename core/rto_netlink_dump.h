@@ -40,5 +40,6 @@ private:
   Stage stage_ = Stage::IDLE;
   uint32_t roomMsec_ = ROOM_MSEC_MIN; // until the queue is looked at again; doubles while it has no room
   bool complete_ = false;             // no reason yet why a route of the table could be missing from the dump
+  uint32_t losses_ = 0;               // so many at the begin
   uint32_t withdrawals_ = 0;          // rtoWithdrawalCount at the begin
 };

@@ -165,6 +165,7 @@ bool RtoDump::stageEnter(Stage stage) {
   case Stage::IPV6:
     return requestSend(sock_.get(), RTM_GETROUTE, NLM_F_DUMP, AF_INET6, sequence);
   case Stage::IPV4:
+  case Stage::IPV4_AGAIN: // has a route that the first left out when own routes went
     return requestSend(sock_.get(), RTM_GETROUTE, NLM_F_DUMP, AF_INET, sequence);
   default:
     return true;

@@ -25,7 +25,7 @@ public:
 
 private:
   static constexpr uint32_t ROOM_MSEC_MIN = 1;
-  enum class Stage { IDLE, PREPARE, IPV6, IPV4, END };
+  enum class Stage { IDLE, PREPARE, IPV6, IPV4, IPV4_AGAIN, END };
 
   bool due() const;
   void begin();

@@ -202,13 +202,20 @@ bool notificationReport(const RouteAction<Route> (&actions)[COUNT], uint32_t num
 void resyncBegin() {
   for (size_t slot = 0; slot < rtoKnownRoutes.capacity(); ++slot) {
     RtoKnownRoute &known = rtoKnownRoutes.at(slot);
-    if (known.is(RTO_KNOWN_GONE)) { // since an earlier begin; a dump that shows it now is right
-      known.set(RTO_KNOWN_PENDING);
-    }
     if (droppedInterfaces.test(known.intIfNum)) {
       known.set(RTO_KNOWN_PENDING);
     }
-    known.clear(RTO_KNOWN_SEEN | RTO_KNOWN_GONE);
+    known.clear(RTO_KNOWN_SEEN);
+  }
+  // Withdrawn since an earlier begin; a dump that shows it now is right. A new capacity has moved every record.
+  for (size_t slot = 0; slot < rtoKnownRoutes.capacity();) {
+    const size_t capacity = rtoKnownRoutes.capacity();
+    if (rtoKnownRoutes.at(slot).is(RTO_KNOWN_GONE)) {
+      rtoKnownRoutes.erase(&rtoKnownRoutes.at(slot));
+      slot = rtoKnownRoutes.capacity() == capacity ? slot : 0;
+    } else {
+      ++slot;
+    }
   }
   droppedInterfaces.reset();
   resync = {.comparing = true};

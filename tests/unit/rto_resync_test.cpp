@@ -182,6 +182,26 @@ TEST_F(RtoResyncTest, ManyWithdrawals) {
   EXPECT_EQ(rtoKnownRoutes.size(), 1u);
 }
 
+// Where every dump breaks off, because routes are withdrawn all the time, the record must not keep those.
+TEST_F(RtoResyncTest, WithdrawalsBetweenDumps) {
+  constexpr uint32_t COUNT = 5000;
+  rto_extRoute_msg msg{};
+  msg.ipv4.mask = 0xffffff00;
+  for (uint32_t i = 0; i < COUNT; ++i) {
+    if (i % 500 == 0) {
+      mark(RT_RESYNC_BEGIN);
+    }
+    msg.ipv4.destination = i << 8;
+    for (const uint32_t action : {RT_NETLINK_ADD, RT_NETLINK_DELETE}) {
+      msg.action = action;
+      rtoExternalRouteReport(msg);
+    }
+  }
+  EXPECT_EQ(rtoKnownRoutes.size(), 500u);
+  mark(RT_RESYNC_BEGIN);
+  EXPECT_EQ(rtoKnownRoutes.capacity(), 0u);
+}
+
 // Against a map, at random, with few keys so that most are met again.
 TEST(RtoKnownTable, HoldsWhatAMapHolds) {
   RtoKnownTable table;

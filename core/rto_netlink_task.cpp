@@ -144,13 +144,19 @@ template <typename Route> RtoStatus reportMake(const RouteAction<Route> &action,
 }
 
 void additionNote(RtoKnownRoute route, RtoStatus status) {
-  const RtoKnownRoute *known = rtoKnownRoutes.find(route);
-  const bool held = known != nullptr && known->is(RTO_KNOWN_HELD); // also of a route that it replaces
-  if (held && status == RTO_DONE && !known->is(RTO_KNOWN_PENDING) && known->sameContent(route)) {
+  RtoKnownRoute *known = rtoKnownRoutes.find(route);
+  const bool held = known != nullptr && known->is(RTO_KNOWN_HELD);
+  const bool same = held && known->sameContent(route);
+  if (same && status == RTO_DONE && !known->is(RTO_KNOWN_PENDING)) {
     droppedInterfaces.set(route.intIfNum); // RTO would have answered that it has the route
   }
+  const bool refused = status == RTO_REFUSED || status == RTO_FULL;
+  if (held && !same && refused) {
+    known->set(RTO_KNOWN_SEEN); // RTO still holds the route that this one replaces
+    return;
+  }
   route.set(RTO_KNOWN_SEEN);
-  if (held || status == RTO_DONE || status == RTO_EXISTS || status == RTO_FAILURE) {
+  if (held || !refused) {
     route.set(RTO_KNOWN_HELD);
   }
   if (status == RTO_FAILURE) {

@@ -137,7 +137,7 @@ TEST_F(RtoResyncTest, Conversations) {
       {"RTO knows it", "!-24 +1a { =1a } !0 { }", "+1a -1a", "deleted 1"},
       {"RTO refuses it", "!-25 +1a { =1a } { } { =1a }", "+1a +1a", "not added 2"},
       {"RTO refuses it, but not its successor", "!-23 +1a !0 { =1b }", "+1a +1b", "added 1, not added 1"},
-      {"RTO refuses the successor, and holds the first", "+1a !-25 +1b !0 { }", "+1a +1b -1b",
+      {"RTO refuses the successor, and holds the first", "+1a !-25 +1b -1b !0 { }", "+1a +1b -1b -1a",
        "added 1, not added 1, deleted 1"},
       {"the addition failed", "!-26 +1a { =1a } !0 { =1a } { =1a }", "+1a +1a +1a", "added 1, not added 1"},
       {"the withdrawal failed", "+1a !-26 -1a !0 { } { }", "+1a -1a -1a", "added 1, deleted 1, not deleted 1"},

@@ -157,7 +157,7 @@ void rtoResyncRequestAndWake();
 
 extern std::atomic<uint32_t> rtoListenerPort; // of the listener's netlink socket; 0 = there is none
 
-extern uint32_t rtoWithdrawalCount; // withdrawals that the listener has read; its own
+extern uint32_t rtoWithdrawalCount; // IPv6 withdrawals that the listener has read; its own
 
 // ---- the task, on its thread
 

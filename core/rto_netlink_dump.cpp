@@ -165,7 +165,7 @@ bool RtoDump::stageEnter(Stage stage) {
   case Stage::IPV6:
     return requestSend(sock_.get(), RTM_GETROUTE, NLM_F_DUMP, AF_INET6, sequence);
   case Stage::IPV4:
-  case Stage::IPV4_AGAIN: // has a route that the first left out when own routes went
+  case Stage::IPV4_AGAIN: // has a route that the first left out when others of its address went
     return requestSend(sock_.get(), RTM_GETROUTE, NLM_F_DUMP, AF_INET, sequence);
   default:
     return true;
@@ -190,7 +190,8 @@ bool RtoDump::messagesProcess(NetlinkBytes part) {
     }
     complete_ = complete_ && (message.flags & NLM_F_DUMP_INTR) == 0;
     if (message.type == NLMSG_DONE || message.type == NLMSG_ERROR) {
-      complete_ = complete_ && meansEmpty(errorOf(message));
+      const bool mayLack = stage_ == Stage::IPV6 && withdrawals_ != rtoWithdrawalCount;
+      complete_ = complete_ && !mayLack && meansEmpty(errorOf(message));
       return stageEnter(static_cast<Stage>(static_cast<int>(stage_) + 1));
     }
     rtmsg header;
@@ -201,12 +202,11 @@ bool RtoDump::messagesProcess(NetlinkBytes part) {
   return true;
 }
 
-// Where the kernel resumes a dump it counts routes, so a withdrawal may make it leave one out. A dump beside which routes
-// were withdrawn, or notifications lost, proves no route gone; the next one may. A report that failed does not matter here:
-// the task's record has it as pending.
+// Where the kernel resumes an IPv6 dump after a change it counts prefixes, so a withdrawal may make it leave some out. A dump
+// beside which IPv6 routes were withdrawn, or notifications lost, proves no route gone; the next one may. A report that failed
+// does not matter here: the task's record has it as pending.
 void RtoDump::end() {
-  const bool proof = complete_ && losses_ == losses && withdrawals_ == rtoWithdrawalCount;
-  if (!proof || !markSend(RT_RESYNC_END)) {
+  if (!complete_ || losses_ != losses || !markSend(RT_RESYNC_END)) {
     breakOff();
     return;
   }

@@ -257,7 +257,7 @@ int rtoAcceptMsg(const NetlinkMessage &message) {
   if (foreign && message.type == RTM_NEWROUTE) {
     rtoExternalRouteProcess(message, RT_NETLINK_ADD);
   } else if (foreign && message.type == RTM_DELROUTE) {
-    ++rtoWithdrawalCount;
+    rtoWithdrawalCount += header.rtm_family == AF_INET6 ? 1 : 0;
     rtoExternalRouteProcess(message, RT_NETLINK_DELETE);
   }
   return 0;

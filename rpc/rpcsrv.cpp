@@ -12,18 +12,11 @@
 #include <cstdlib>
 #include <new>
 #include <pthread.h>
-#include <string_view>
-#include <sys/stat.h>
 #include <unistd.h>
 
 std::array<rpcsrvCtrl, RPCSRV_INSTANCES> rpcsrvCtrls;
 
 namespace {
-
-constexpr mode_t SOCKET_MODE = 0777;
-// The numbers that the two messages of a failed socket carry in the place of a source line.
-constexpr int SOCKET_FAILED_LINE = 127;
-constexpr int BIND_FAILED_LINE = 161;
 
 // Services that serve through this code, by service number; the agent's is the first.
 constexpr std::array<const char *, 8> rpcServiceNames = {"mirel", "svc1", "svc2", "svc3",
@@ -49,6 +42,9 @@ void controlClear(rpcsrvCtrl &ctrl) {
   ctrl.thread = 0;
   ctrl.sock = RPCSRV_ABSENT;
   ctrl.bound = 0;
+  ctrl.spare = RPCSRV_NO_SOCKET;
+  ctrl.retired = RPCSRV_NO_SOCKET;
+  ctrl.retiredRequests = 0;
   ctrl.stats = nullptr;
   ctrl.message = nullptr;
   ctrl.peer = {};
@@ -72,6 +68,13 @@ bool dataInit(rpcsrvCtrl &ctrl) {
   return true;
 }
 
+void socketClose(int &fd) {
+  if (fd >= 0) {
+    close(fd);
+    fd = RPCSRV_NO_SOCKET;
+  }
+}
+
 void dataDeInit(rpcsrvCtrl &ctrl) {
   free(ctrl.message);
   printf("\n server task message memory freed");
@@ -81,6 +84,8 @@ void dataDeInit(rpcsrvCtrl &ctrl) {
     close(ctrl.sock);
     unlink(ctrl.address.sun_path);
   }
+  socketClose(ctrl.spare);
+  socketClose(ctrl.retired);
   controlClear(ctrl);
 }
 
@@ -104,74 +109,46 @@ bool taskCreate(rpcsrvCtrl &ctrl) {
   return true;
 }
 
-bool socketOpen(rpcsrvCtrl &ctrl, int *error) {
-  const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  *error = fd < 0 ? errno : 0;
-  ctrl.sock = fd < 0 ? int{RPCSRV_NO_SOCKET} : fd;
-  ctrl.bound = 0;
-  if (fd < 0) {
-    ++ctrl.stats->socketFailures;
-    printf("\n in %s line %d, socket create failed \n", "rpcsrvSockCreate", SOCKET_FAILED_LINE);
+// After each receive from the retired socket. A request that came between the last receive and the close would be lost, so
+// the socket refuses further ones first.
+void retiredReceived(rpcsrvCtrl &ctrl, bool empty) {
+  if (ctrl.retiredRequests == 0) {
+    if (empty) {
+      socketClose(ctrl.retired);
+    }
+    return;
   }
-  return fd >= 0;
-}
-
-bool socketBind(rpcsrvCtrl &ctrl, int *error) {
-  unlink(ctrl.address.sun_path); // what an earlier process left
-  if (bind(ctrl.sock, reinterpret_cast<const sockaddr *>(&ctrl.address), ctrl.addressLength) != 0) {
-    *error = errno;
-    ++ctrl.stats->bindFailures;
-  } else if (chmod(ctrl.address.sun_path, SOCKET_MODE) != 0) {
-    *error = errno;
-    ++ctrl.stats->permissionFailures;
-  } else {
-    ctrl.bound = 1;
-    return true;
+  ctrl.retiredRequests = empty ? 0 : ctrl.retiredRequests - 1;
+  if (ctrl.retiredRequests == 0) {
+    shutdown(ctrl.retired, SHUT_RD);
   }
-  close(ctrl.sock);
-  ctrl.sock = RPCSRV_NO_SOCKET;
-  printf("\n in %s line %d socket bind failed \n", "rpcsrvSockCreate", BIND_FAILED_LINE);
-  return false;
 }
 
 // Waits for a datagram and returns its true length, also where the buffer holds less of it; -1 on failure. The one place
 // where the thread may be cancelled: here and in the task no variable needs an address, since the address sanitizer takes
 // what is left of one on a cancelled stack for a fault.
 ssize_t requestReceive(rpcsrvCtrl &ctrl) {
-  ssize_t length;
-  int error;
-  do {
+  for (;;) {
+    const bool retired = ctrl.retired >= 0;
     memset(&ctrl.peer, 0, sizeof ctrl.peer);
     ctrl.peer.sun_family = AF_UNIX;
     ctrl.peerLength = sizeof ctrl.peer;
     pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
-    length = recvfrom(ctrl.sock, ctrl.message, RPC_MSG_MAX, MSG_TRUNC, reinterpret_cast<sockaddr *>(&ctrl.peer),
-                      &ctrl.peerLength);
-    error = errno;
+    const ssize_t length =
+        recvfrom(rpcsrvSockServed(ctrl), ctrl.message, RPC_MSG_MAX, MSG_TRUNC | (retired ? MSG_DONTWAIT : 0),
+                 reinterpret_cast<sockaddr *>(&ctrl.peer), &ctrl.peerLength);
+    const int error = errno;
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
-  } while (length < 0 && error == EINTR);
-  return length;
-}
-
-// A server asks nothing. Whoever gives the path of one as his own would have two servers, or one and itself, answer each other
-// without end.
-bool peerIsServer(const sockaddr_un &peer) {
-  constexpr std::string_view PATH(RPC_SERVER_PATH);
-  return std::string_view(peer.sun_path).starts_with(PATH.substr(0, PATH.find('%')));
-}
-
-// Never waits: one client that does not read must not keep the others from their answers.
-void replySend(rpcsrvCtrl &ctrl, size_t length) {
-  ssize_t sent;
-  if (peerIsServer(ctrl.peer)) {
-    ++ctrl.stats->replyFailures;
-    return;
+    if (length < 0 && error == EINTR) {
+      continue;
+    }
+    if (retired) {
+      retiredReceived(ctrl, length < 0);
+    }
+    if (length >= 0 || !retired) {
+      return length;
+    }
   }
-  do {
-    sent = sendto(ctrl.sock, ctrl.message, length, MSG_DONTWAIT | MSG_NOSIGNAL,
-                  reinterpret_cast<const sockaddr *>(&ctrl.peer), ctrl.peerLength);
-  } while (sent < 0 && errno == EINTR);
-  ++(sent == static_cast<ssize_t>(length) ? ctrl.stats->repliesSent : ctrl.stats->replyFailures);
 }
 
 // Answers what was received and leaves the buffer clear.
@@ -188,7 +165,7 @@ void replySend(rpcsrvCtrl &ctrl, size_t length) {
   ctrl.peerLength = std::min<socklen_t>(ctrl.peerLength, sizeof ctrl.peer);
   const size_t replyLength = rpcsrvMsgProcess(ctrl.programs, {ctrl.message, RPC_MSG_MAX}, length);
   ++ctrl.stats->requestsProcessed;
-  replySend(ctrl, replyLength);
+  rpcsrvReplySend(ctrl, replyLength);
   memset(ctrl.message, 0, std::max(std::min<size_t>(length, RPC_MSG_MAX), replyLength));
 }
 
@@ -264,24 +241,6 @@ int rpcsrvDeInit(uint32_t instance) {
   }
   dataDeInit(ctrl);
   return 0;
-}
-
-int rpcsrvSockCreate(rpcsrvCtrl *ctrl, int *error) {
-  if (ctrl == nullptr) {
-    printf("\n pctrl is null");
-    return 1;
-  }
-  if (ctrl->mode != 0) {
-    return 0;
-  }
-  if (ctrl->sock == RPCSRV_ABSENT) { // no counters, no path
-    *error = EINVAL;
-    return 1;
-  }
-  if (ctrl->sock < 0 && !socketOpen(*ctrl, error)) {
-    return 1;
-  }
-  return ctrl->bound != 0 || socketBind(*ctrl, error) ? 0 : 1;
 }
 
 void *rpcsrvTask(void *arg) {

@@ -61,6 +61,9 @@ struct rpcsrvCfg {
 
 enum : int { RPCSRV_ABSENT = 0, RPCSRV_NO_SOCKET = -1 };
 
+// The requests in the queue of a retired socket, and those of senders that wait for room in it.
+inline constexpr uint32_t RPCSRV_RETIRED_REQUESTS = 2048;
+
 // One server. Written by the thread that calls the operations below, but for the socket and what stands below it, which
 // are the server thread's while it runs.
 struct rpcsrvCtrl {
@@ -72,6 +75,9 @@ struct rpcsrvCtrl {
   RpcProgramSlots programs;
   Relaxed<int> sock; // or RPCSRV_ABSENT, RPCSRV_NO_SOCKET
   uint32_t bound;
+  int spare;                // replies while sock is full, or RPCSRV_NO_SOCKET
+  int retired;              // is served until it is empty, before sock; or RPCSRV_NO_SOCKET
+  uint32_t retiredRequests; // that it takes until it refuses further ones; 0 once it does
   rpcsrvStats *stats;
   uint8_t *message; // RPC_MSG_MAX bytes, for a request and its reply; all 0 between two
   sockaddr_un peer;
@@ -99,6 +105,12 @@ int rpcsrvDeInit(uint32_t instance);
 int rpcsrvSockCreate(rpcsrvCtrl *ctrl, int *error);
 
 void *rpcsrvTask(void *ctrl);
+
+// The socket from which requests are received, and which answers them.
+int rpcsrvSockServed(const rpcsrvCtrl &ctrl);
+
+// Sends that many bytes of the buffer to the peer, if they can be sent at once, and counts the outcome.
+void rpcsrvReplySend(rpcsrvCtrl &ctrl, size_t length);
 
 // Answers the request of so many bytes, of which the buffer holds the first, in place: returns the length of the reply. The
 // buffer has room for at least the header.

@@ -21,7 +21,6 @@ CPPCHECK_OPTIONS = [
     "--suppress=memleak:*/answer_watch.cpp",  # a mapping that the function returns
     "--suppress=memleakOnRealloc:*/test_resources.cpp",  # shows what realloc does, and ends
     "--suppress=readdirCalled",  # would have the obsolete readdir_r
-    "--suppress=resourceLeak:*/rpcsrv.cpp",  # the record has the descriptor
     "--suppress=returnDanglingLifetime:*/mirelsh_prompt.cpp",  # the text is copied
 ]
 

@@ -8,7 +8,10 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
+#include <utility>
 
 namespace {
 
@@ -19,6 +22,7 @@ constexpr const char *PATH = "/tmp/dxsmirel.00";
 
 std::atomic<bool> entered;
 std::atomic<bool> left;
+std::atomic<bool> held;
 
 uint32_t answerSeven(uint32_t, rpcArgRef *const *, uint32_t *result) {
   return *result = 7;
@@ -32,11 +36,6 @@ uint32_t slow(uint32_t, rpcArgRef *const *, uint32_t *) {
   return 0;
 }
 
-constexpr rpcProcDesc SEVEN{answerSeven, 1, {4}};
-constexpr rpcProcDesc SLOW{slow, 1, {4}};
-constexpr const rpcProcDesc *PROCEDURES[] = {nullptr, &SEVEN, &SLOW};
-constexpr rpcProcTable TABLE{PROCEDURES};
-
 template <class Condition> bool within(Condition condition) {
   const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
   while (!condition()) {
@@ -47,6 +46,18 @@ template <class Condition> bool within(Condition condition) {
   }
   return true;
 }
+
+// Keeps the server from its queue.
+uint32_t hold(uint32_t, rpcArgRef *const *, uint32_t *) {
+  entered = true;
+  return within([] { return !held; }) ? 0 : 1;
+}
+
+constexpr rpcProcDesc SEVEN{answerSeven, 1, {4}};
+constexpr rpcProcDesc SLOW{slow, 1, {4}};
+constexpr rpcProcDesc HOLD{hold, 1, {4}};
+constexpr const rpcProcDesc *PROCEDURES[] = {nullptr, &SEVEN, &SLOW, &HOLD};
+constexpr rpcProcTable TABLE{PROCEDURES};
 
 size_t openDescriptors() {
   const std::filesystem::directory_iterator all("/proc/self/fd");
@@ -131,22 +142,82 @@ TEST_F(RpcServer, Answers) {
   EXPECT_EQ(stats().replyFailures, 0U);
 }
 
-// Neither a client that has no address nor one that does not read keeps another from its answers.
-TEST_F(RpcServer, DoesNotWaitForClients) {
+// Bytes of replies that clients have not read.
+int unreadBytes() {
+  int unread = 0;
+  EXPECT_EQ(ioctl(rpcsrvCtrls[INSTANCE].sock, SIOCOUTQ, &unread), 0);
+  return unread;
+}
+
+// As many replies as requests before the first read.
+void expectServed(const Client &client) {
+  constexpr int BURST = 40;
+  const Bytes question = request(1, {word(0)});
+  for (int i = 0; i < BURST; ++i) {
+    client.send(question);
+  }
+  for (int i = 0; i < BURST; ++i) {
+    ASSERT_EQ(statusOf(client.reply()), 0) << i;
+  }
+}
+
+void expectNewClientsServed() {
+  expectServed(Client(PATH, "/tmp/dxctest.00"));
+  Client connected(PATH, "/tmp/dxctest.01");
+  connected.connect();
+  expectServed(connected);
+}
+
+// However much they leave unread. The server's buffer takes half of this for clients that are not connected.
+TEST_F(RpcServer, ClientsThatDoNotReadCostOthersNothing) {
+  constexpr int BUFFER = 128 << 20;
+  std::ofstream("/proc/sys/net/unix/max_dgram_qlen") << 1024;
   start();
   rpcsrvProgramRegister(INSTANCE, 0, &TABLE);
   const Bytes question = request(1, {word(0)});
+  const Bytes large = request(1, {word(0), Bytes(RPC_MSG_MAX - 200)});
   Client(PATH, nullptr).send(question);
+
+  Client connected(PATH, "/tmp/dxcearlier.00");
+  connected.connect();
   const Client deaf(PATH, "/tmp/dxcdeaf.00");
-  constexpr uint32_t QUESTIONS = 5000; // more than any queue of replies
-  for (uint32_t i = 0; i < QUESTIONS; ++i) {
-    deaf.send(question);
+  for (int i = 0; i < 1100; ++i) { // more than its queue holds
+    deaf.send(large);
   }
-  const Client client(PATH, "/tmp/dxctest.00");
-  EXPECT_EQ(statusOf(client.call(question)), 0);
-  EXPECT_EQ(stats().requestsProcessed, QUESTIONS + 2);
-  EXPECT_GT(stats().replyFailures, 1U);
-  EXPECT_EQ(statusOf(deaf.reply()), 0);
+  ASSERT_TRUE(within([] { return stats().requestsProcessed == 1101; }));
+  EXPECT_GE(unreadBytes(), BUFFER / 2);
+  EXPECT_EQ(stats().repliesSent, 1025U);
+  expectServed(connected);
+  expectNewClientsServed();
+
+  Client deafConnected(PATH, "/tmp/dxcdeaf.01"); // its queue has no limit
+  deafConnected.connect();
+  for (int unread = unreadBytes(); unread < BUFFER; unread = unreadBytes()) {
+    deafConnected.send(large);
+    ASSERT_TRUE(within([&] { return unreadBytes() > unread; }));
+  }
+
+  // The next reply to a connected client finds no room; other requests wait behind that client's.
+  const Client holder(PATH, "/tmp/dxctest.02");
+  const Client waiting(PATH, "/tmp/dxctest.03");
+  const size_t descriptors = openDescriptors();
+  entered = false;
+  held = true;
+  holder.send(request(3, {word(9)}));
+  ASSERT_TRUE(within([] { return entered.load(); }));
+  connected.send(question);
+  waiting.send(question);
+  connected.send(question);
+  held = false;
+  for (const Client *client : {&holder, &std::as_const(connected), &waiting, &std::as_const(connected)}) {
+    EXPECT_EQ(statusOf(client->reply()), 0);
+  }
+  EXPECT_TRUE(within([&] { return !connected.trySend(question); }));
+  connected.connect();
+  expectServed(connected);
+  EXPECT_LT(openDescriptors(), descriptors);
+  expectNewClientsServed();
+  EXPECT_EQ(stats().replyFailures, 1100U - 1025 + 1);
 }
 
 // Its old socket keeps the path by which the server goes now: an answer would come back as the next request.
@@ -164,6 +235,7 @@ TEST_F(RpcServer, EndWaitsForTheRequestInHand) {
   start();
   rpcsrvProgramRegister(INSTANCE, 0, &TABLE);
   const Client client(PATH, "/tmp/dxctest.00");
+  entered = false;
   client.send(request(2, {word(9)}));
   ASSERT_TRUE(within([] { return entered.load(); }));
   printed([] { EXPECT_EQ(rpcsrvDeInit(INSTANCE), 0); });

@@ -89,10 +89,17 @@ public:
     }
   }
 
+  // From then on it sends to the socket that is at the path now, and receives from no other.
+  void connect() {
+    EXPECT_EQ(::connect(sock_.get(), reinterpret_cast<const sockaddr *>(&server_), sizeof server_), 0);
+    connected_ = true;
+  }
+
   // False when there is no server.
   bool trySend(const Bytes &message) const {
-    return sendto(sock_.get(), message.data(), message.size(), 0, reinterpret_cast<const sockaddr *>(&server_),
-                  sizeof server_) == static_cast<ssize_t>(message.size());
+    return sendto(sock_.get(), message.data(), message.size(), 0,
+                  connected_ ? nullptr : reinterpret_cast<const sockaddr *>(&server_),
+                  connected_ ? 0 : sizeof server_) == static_cast<ssize_t>(message.size());
   }
 
   void send(const Bytes &message) const { EXPECT_TRUE(trySend(message)); }
@@ -120,6 +127,7 @@ private:
 
   sockaddr_un server_;
   UniqueFd sock_;
+  bool connected_ = false;
 };
 
 #endif

@@ -37,7 +37,7 @@ constexpr uint32_t SERVICE_ARG2 = 2001;
 constexpr uint32_t CONNECTIVITY_RETRY_MSEC = 1000;
 constexpr unsigned DATAGRAM_QUEUE_LENGTH = 1024;
 
-enum ExitStatus { EXIT_FATAL = 0, EXIT_USAGE = 1, EXIT_NO_PLATFORM = 2 };
+enum ExitStatus { EXIT_FATAL = 0, EXIT_USAGE = 1, EXIT_NO_PLATFORM = 2, EXIT_OTHER_AGENT = 3 };
 
 // A descriptor 0 to 2 that was closed would be given to the first socket, which traces and logs would then write to.
 void standardDescriptorsOpen() {
@@ -72,6 +72,16 @@ void contextClear() {
   bestRouteChangePending = 0;
   mirelVrfId = 0;
   memset(mirelVrfName, 0, sizeof mirelVrfName);
+}
+
+// A second agent would take the first one's sockets and flush its routes.
+void otherAgentRefuse() {
+  uint32_t other = 0;
+  if (!mirelAgentLock(&other)) {
+    qvproc_logf(SEVERITY_ERROR, COMPONENT_MIREL, LOG_AREA, __LINE__, "another agent of VRF %u runs (pid %u)",
+                mirelVrfId, other);
+    exit(EXIT_OTHER_AGENT);
+  }
 }
 
 void clientNameFormat() {
@@ -275,6 +285,7 @@ int main(int argc, char **argv) {
   qvproc_devshell_init();
   mirelPid = static_cast<uint32_t>(getpid());
   mirelVrfId = mirelVrfIdFromArgument(argv[1]);
+  otherAgentRefuse();
   clientNameFormat();
   syncDatabaseRegister();
   apiSemaphoreCreate();

@@ -396,12 +396,14 @@ TEST(Loop, TimeoutsThatEndTheAgent) {
 // Routing that starts later brings the best-route client; one that cannot be had ends the agent, the event unanswered.
 TEST(Loop, StartupDone) {
   const std::string status = "rpcclt_tarnapiRoutingStartupStatusVr: 0 0\n";
-  AgentProcess agent(status);
-  agent.passes(1);
-  ASSERT_TRUE(sendDatagram(ROUTER_EVENT_SOCKET, eventDatagram(103, 8)));
-  agent.passes(3);
-  EXPECT_THAT(agent.trace(),
-              Contains("select /tmp/mirel-03/arp-socket /tmp/rppi_brc.0007 /tmp/rppi_rec.0005 netlink 1.0s"));
+  {
+    AgentProcess agent(status);
+    agent.passes(1);
+    ASSERT_TRUE(sendDatagram(ROUTER_EVENT_SOCKET, eventDatagram(103, 8)));
+    agent.passes(3);
+    EXPECT_THAT(agent.trace(),
+                Contains("select /tmp/mirel-03/arp-socket /tmp/rppi_brc.0007 /tmp/rppi_rec.0005 netlink 1.0s"));
+  }
 
   for (const char *refused : {"-23", "0 0"}) {
     AgentProcess ending(status + "rpcclt_tarnapiBestRouteEventRegisterVr: " + refused);

@@ -5,6 +5,7 @@
 #include "own_namespaces.h"
 
 #include <algorithm>
+#include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
@@ -146,6 +147,23 @@ TEST(StartUp, NoServiceNamed) {
     EXPECT_THAT(agent.errors(), testing::MatchesRegex(row.errors)) << row.end;
     EXPECT_THAT(agent.trace(), IsEmpty());
   }
+}
+
+// It touches nothing of the first one's. A killed one is no obstacle, nor is the agent of another VRF.
+TEST(StartUp, OneAgentOfAVrf) {
+  AgentProcess first;
+  first.passes(1);
+  AgentProcess second;
+  EXPECT_EQ(second.end(), "exit 3");
+  Lines lines = second.trace();
+  std::erase_if(lines, [](const std::string &line) { return line.starts_with("qvproc_devshell_register "); });
+  EXPECT_EQ(lines, (Lines{"qvproc_devshell_init",
+                          log(3, "another agent of VRF 3 runs (pid " + std::to_string(first.pid()) + ")")}));
+  AgentProcess other(AgentOptions{.arguments = {"mirel-30"}});
+  other.passes(1);
+  kill(first.pid(), SIGKILL);
+  AgentProcess next;
+  next.passes(1);
 }
 
 // The message is the last thing that is heard of the agent.

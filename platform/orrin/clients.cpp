@@ -192,14 +192,6 @@ bool dropClient(Switch &sw, uint32_t id) {
   return true;
 }
 
-void dropAllClients(Switch &sw) {
-  for (auto &[id, client] : sw.clients) {
-    if (client.registered) {
-      retire(sw, client);
-    }
-  }
-}
-
 void forgetClients(Switch &sw, uint32_t vrf) {
   std::erase_if(sw.clients, [vrf](const auto &entry) { return entry.second.vrf == vrf; });
 }

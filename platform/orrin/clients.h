@@ -25,7 +25,6 @@ void resumeClients(Switch &sw);
 
 // Ends a registration; false when there is no such client.
 bool dropClient(Switch &sw, uint32_t id);
-void dropAllClients(Switch &sw);
 // Forgets a VRF's clients and all that they left.
 void forgetClients(Switch &sw, uint32_t vrf);
 

@@ -33,15 +33,13 @@ constexpr int BAD_USAGE = 2;
 struct Options {
   std::string script;
   std::string state = DEFAULT_STATE;
-  bool forgetClients = false;
 };
 
 void printUsage(FILE *to) {
   std::fprintf(to,
-               "usage: orrin [--script FILE] [--state DIR] [--forget-clients]\n"
-               "  --script FILE      commands that set up a switch without kept state\n"
-               "  --state DIR        where state is kept (%s)\n"
-               "  --forget-clients   start without the kept registrations\n"
+               "usage: orrin [--script FILE] [--state DIR]\n"
+               "  --script FILE  commands that set up a switch without kept state\n"
+               "  --state DIR    where state is kept (%s)\n"
                "%s names the request socket (%s); the control socket has .control behind that name.\n",
                DEFAULT_STATE, tarnwire::SOCKET_VARIABLE, tarnwire::DEFAULT_SOCKET);
 }
@@ -50,7 +48,6 @@ void printUsage(FILE *to) {
 int readOptions(int argc, char **argv, Options &options) {
   static const option LONG_OPTIONS[] = {{"script", required_argument, nullptr, 's'},
                                         {"state", required_argument, nullptr, 'd'},
-                                        {"forget-clients", no_argument, nullptr, 'f'},
                                         {"help", no_argument, nullptr, 'h'},
                                         {nullptr, 0, nullptr, 0}};
   for (int found; (found = getopt_long(argc, argv, "", LONG_OPTIONS, nullptr)) != -1;) {
@@ -60,9 +57,6 @@ int readOptions(int argc, char **argv, Options &options) {
       break;
     case 'd':
       options.state = optarg;
-      break;
-    case 'f':
-      options.forgetClients = true;
       break;
     case 'h':
       printUsage(stdout);
@@ -116,9 +110,6 @@ bool configure(Switch &sw, const Options &options) {
     if (!createRestartRecord(id, error)) {
       return fail(error);
     }
-  }
-  if (options.forgetClients) {
-    dropAllClients(sw);
   }
   if (!options.script.empty() && sw.journal.hadState()) {
     std::fprintf(stderr, "orrin: %s holds state, %s is not run\n", options.state.c_str(), options.script.c_str());

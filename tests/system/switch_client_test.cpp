@@ -415,10 +415,6 @@ TEST_F(SwitchClient, AnOrrinStartedAnewSendsWhatMayHaveBeenLost) {
   orrin.end(SIGTERM);
   orrin.start();
   EXPECT_EQ(drain(id), (Changes{"add 10.0.0.0/16", "add 10.2.0.0/16"})) << "the withdrawal is known";
-  orrin.end(SIGTERM);
-  orrin.start({"--forget-clients"});
-  EXPECT_EQ(fetch(id).result, TARN_NOT_FOUND);
-  EXPECT_EQ(registerBestRoute(id), TARN_OK);
 }
 
 TEST_F(SwitchClient, ABatchHeldWhenOrrinEndsIsNotLost) {

@@ -1,4 +1,4 @@
-// Commands about registrations: dropping one, and, in the state folder, bringing them back. Used by orrin's one thread.
+// The lines of the state folder about registrations. Used by orrin's one thread.
 
 #include "commands.h"
 
@@ -9,17 +9,13 @@ namespace orrin {
 
 namespace {
 
-// client ...
-
 bool clientDrop(Switch &sw, Words &words, std::string &out) {
   uint32_t id = 0;
-  if (!takeNumber(words, "client", id, out) || !takeEnd(words, out)) {
+  if (!onlyRestoring(sw, out) || !takeNumber(words, "client", id, out) || !takeEnd(words, out)) {
     return false;
   }
   return dropClient(sw, id) || refuse(out, "there is no client " + std::to_string(id));
 }
-
-// All below stand in the state folder only.
 
 bool restoreAs(Switch &sw, Words &words, ClientKind kind, std::string &out) {
   Client client;

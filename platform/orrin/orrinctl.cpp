@@ -66,7 +66,6 @@ event timeout <seconds>
 event send vrf <id> type <t> [interface <n>] [cfg <c>]
 fault set <call> [result <code>] [delay <ms>] [drop] [once|times <n>|always]
 fault clear [<call>]
-client drop <client-id>
 show vrfs|interfaces|routes|arp|clients|events|faults|status [vrf <id>] [json]
 dump [reported] [vrf <id>]
     reported: what the agents reported, instead of the configuration

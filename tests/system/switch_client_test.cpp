@@ -394,7 +394,7 @@ TEST_F(SwitchClient, TheClientListHas256Places) {
     ASSERT_EQ(registerBestRoute(id, "mirel:" + std::to_string(number)), TARN_OK);
   }
   EXPECT_EQ(registerBestRoute(id, "mirel:256"), TARN_FULL);
-  orrin.run("client drop " + std::to_string(id));
+  EXPECT_EQ(rpcclt_tarnapiBestRouteEventDeregister(client, id), TARN_OK);
   EXPECT_EQ(registerBestRoute(id, "mirel:256"), TARN_OK);
 }
 
@@ -447,37 +447,27 @@ TEST_F(SwitchClient, ASuccessorWithdrawsWhatItsForerunnerMayHold) {
   EXPECT_EQ(drain(id), (Changes{"del 10.0.0.0/16", "add 10.1.0.0/16"}));
 }
 
-// However a registration ends, withdrawals that were fetched but not handed out go to the next of the name: some routes outlive
-// the agent that installed them.
+// Withdrawals that were fetched but not handed out go to the next of the name: some routes outlive the agent that installed them.
 TEST_F(SwitchClient, AWithdrawalThatNobodyWasHandedGoesToTheSuccessor) {
   constexpr size_t ROUTES = 20000; // withdrawals of several batches
-  for (const bool dropped : {false, true}) {
-    orrin.run("routes add vrf 3 20.0.0.0/32 count " + std::to_string(ROUTES) + " reject");
-    uint32_t id = 0;
-    ASSERT_EQ(registerBestRoute(id), TARN_OK);
-    drain(id);
-    orrin.run("routes del vrf 3 20.0.0.0/32 count " + std::to_string(ROUTES));
-    std::set<std::string> told;
-    for (int batch = 0; batch < 300; ++batch) {
-      for (const BestRouteRecord &record : fetch(id).records) {
-        told.insert("del " + prefixOf(record));
-      }
+  orrin.run("routes add vrf 3 20.0.0.0/32 count " + std::to_string(ROUTES) + " reject");
+  uint32_t id = 0;
+  ASSERT_EQ(registerBestRoute(id), TARN_OK);
+  drain(id);
+  orrin.run("routes del vrf 3 20.0.0.0/32 count " + std::to_string(ROUTES));
+  std::set<std::string> told;
+  for (int batch = 0; batch < 300; ++batch) {
+    for (const BestRouteRecord &record : fetch(id).records) {
+      told.insert("del " + prefixOf(record));
     }
-    EXPECT_LT(told.size(), ROUTES);
-    if (dropped) {
-      orrin.run("client drop " + std::to_string(id));
-      EXPECT_EQ(fetch(id).records.size(), BATCH) << "held ones are still right";
-      EXPECT_TRUE(within(1000, [&] { return fetch(id).result == TARN_NOT_FOUND; }));
-    } else {
-      EXPECT_EQ(rpcclt_tarnapiBestRouteEventDeregister(client, id), TARN_OK);
-    }
-    ASSERT_EQ(registerBestRoute(id), TARN_OK);
-    for (const std::string &change : drain(id)) {
-      told.insert(change);
-    }
-    EXPECT_EQ(told.size(), ROUTES) << (dropped ? "dropped" : "deregistered");
-    rpcclt_tarnapiBestRouteEventDeregister(client, id);
   }
+  EXPECT_LT(told.size(), ROUTES);
+  EXPECT_EQ(rpcclt_tarnapiBestRouteEventDeregister(client, id), TARN_OK);
+  ASSERT_EQ(registerBestRoute(id), TARN_OK);
+  for (const std::string &change : drain(id)) {
+    told.insert(change);
+  }
+  EXPECT_EQ(told.size(), ROUTES);
 }
 
 TEST_F(SwitchClient, InterfaceRoutesComeStrictlyAfterTheKey) {

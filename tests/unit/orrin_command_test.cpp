@@ -197,7 +197,6 @@ constexpr Refusal REFUSALS[] = {
     {"fault set VrfNameGet times 0", "times: 1 to 4294967295, not 0"},
     {"fault set VrfNameGet result -soon", "result: a number expected, not \"-soon\""},
     {"fault set VrfNameGet colour", "\"colour\" is no word of a fault"},
-    {"client drop 9", "there is no client 9"},
     {"client best-route 1 vrf 3 pid 1 name x", "only the state folder says so"},
 };
 

@@ -110,8 +110,7 @@ TEST_F(SwitchKernelRoute, IsShownAsItWasReported) {
   EXPECT_NE(
       orrin.run("show routes json")
           .find(
-              R"({"vrf":3,"prefix":"10.9.0.0/16","origin":"kernel","best":true,"options":"kernel","metric":77,"proto":7,)"
-              R"("nexthops":[{"via":"10.1.0.2","interface":11}]})"),
+              R"({"vrf":3,"prefix":"10.9.0.0/16","origin":"kernel","best":true,"options":"kernel metric 77 proto 7 via 10.1.0.2 interface 11"})"),
       std::string::npos);
   EXPECT_EQ(del({"2001:db8::/32", {{"fe80::1", 12}}}), TARN_OK);
   EXPECT_EQ(del({"10.9.0.0/16", {{"10.1.0.2"}}, 77}), TARN_OK);

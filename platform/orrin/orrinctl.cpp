@@ -1,6 +1,6 @@
 // orrinctl, the operator's hand on orrin: one command from its arguments, or many from standard input, sent as they are
 // over the control socket; `help` and `diff` are answered here. Exit status 0 when every command was accepted, else 1.
-#include "orrinctl_mirror.h"
+#include "orrinctl_diff.h"
 #include "orrinctl_session.h"
 
 #include <array>
@@ -227,7 +227,7 @@ int main(int argc, char **argv) {
     return finish(true);
   }
   if (first == "diff") {
-    return runDiff(argc - 2, argv + 2);
+    return orrin::runDiff(argc - 2, argv + 2);
   }
   return runOne(joined(argc - 1, argv + 1));
 }

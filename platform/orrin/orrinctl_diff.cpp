@@ -1,15 +1,19 @@
 // `orrinctl diff`: compares what the switch holds for each VRF with what the kernel of the VRF's namespace holds.
-#include "orrinctl_mirror.h"
+#include "orrinctl_diff.h"
+
+#include "commands.h"
 #include "orrinctl_netlink.h"
 #include "orrinctl_session.h"
 
-#include <algorithm>
 #include <array>
 #include <charconv>
 #include <cstdio>
 #include <fcntl.h>
+#include <net/if.h>
 #include <sched.h>
 #include <span>
+
+namespace orrin {
 
 namespace {
 
@@ -19,7 +23,7 @@ constexpr int EXIT_TROUBLE = 2;
 
 struct Area {
   const char *name;
-  std::string (*compare)(const MirrorVrf &vrf, DeviceNames &devices, bool print, MirrorCounts &counts);
+  std::string (*compare)(const Switch &sw, const Vrf &vrf, Comparison &comparison);
   bool reported; // the kernel is the origin, and the switch has what the agent reported
 };
 
@@ -94,7 +98,7 @@ bool fetch(const std::string &command, std::string &dump) {
   return true;
 }
 
-std::string enterNamespace(const MirrorVrf &vrf) {
+std::string enterNamespace(const Vrf &vrf) {
   // The default VRF's devices are the switch's own: without a namespace of its own it is compared where we started.
   static const UniqueFd home(open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC));
   if (vrf.netns.empty()) {
@@ -111,12 +115,12 @@ std::string enterNamespace(const MirrorVrf &vrf) {
   return {};
 }
 
-int trouble(const MirrorVrf &vrf, const std::string &error) {
+int trouble(const Vrf &vrf, const std::string &error) {
   std::fprintf(stderr, "orrinctl: vrf %u: %s\n", vrf.id, error.c_str());
   return EXIT_TROUBLE;
 }
 
-int compareVrf(const MirrorVrf &vrf, DeviceNames &devices, const DiffOptions &options) {
+int compareVrf(const Switch &sw, const Vrf &vrf, const DiffOptions &options) {
   if (const std::string error = enterNamespace(vrf); !error.empty()) {
     return trouble(vrf, error);
   }
@@ -125,20 +129,67 @@ int compareVrf(const MirrorVrf &vrf, DeviceNames &devices, const DiffOptions &op
     if (!options.areas[i]) {
       continue;
     }
-    MirrorCounts counts;
-    if (const std::string error = AREAS[i].compare(vrf, devices, !options.summary, counts); !error.empty()) {
+    Comparison comparison(vrf.id, !options.summary);
+    if (const std::string error = AREAS[i].compare(sw, vrf, comparison); !error.empty()) {
       return trouble(vrf, error);
     }
     if (options.summary) {
       std::printf("vrf %u %s %s switch %zu wanted %zu kernel %zu different %zu\n", vrf.id, vrf.name.c_str(),
-                  AREAS[i].name, counts.onSwitch, counts.wanted, counts.inKernel, counts.different);
+                  AREAS[i].name, comparison.onSwitch, comparison.wanted, comparison.inKernel, comparison.different);
     }
-    status = counts.different != 0 ? EXIT_DIFFERENT : status;
+    status = comparison.different != 0 ? EXIT_DIFFERENT : status;
   }
   return status;
 }
 
+// Line by line into the switch. Returns the first refusal.
+std::string replay(std::string_view dump, Switch &sw) {
+  std::string refusal;
+  std::string out;
+  while (!dump.empty()) {
+    const size_t end = std::min(dump.find('\n'), dump.size());
+    const std::string_view line = dump.substr(0, end);
+    if (!runCommand(sw, line, out) && refusal.empty()) {
+      refusal = "\"" + std::string(line) + "\": " + out;
+    }
+    dump.remove_prefix(std::min(end + 1, dump.size()));
+  }
+  return refusal;
+}
+
 } // namespace
+
+uint32_t Comparison::wayOf(std::string text) {
+  const auto [entry, isNew] = wayNumbers_.try_emplace(std::move(text), static_cast<uint32_t>(ways_.size()));
+  if (isNew) {
+    ways_.push_back(&entry->first);
+  }
+  return entry->second;
+}
+
+const std::string &Comparison::deviceOf(uint32_t index) {
+  const auto [entry, isNew] = devices_.try_emplace(index);
+  if (isNew) {
+    std::array<char, IF_NAMESIZE> name{};
+    entry->second = if_indextoname(index, name.data()) != nullptr ? name.data() : "if" + std::to_string(index);
+  }
+  return entry->second;
+}
+
+// Wanted without a device, a route may use any.
+bool Comparison::isWay(uint32_t want, uint32_t have) const {
+  const std::string &text = *ways_[want];
+  const std::string &other = *ways_[have];
+  return want == have ||
+         (other.starts_with(text) && other.substr(text.size()).starts_with(text.empty() ? "dev " : " dev "));
+}
+
+void Comparison::report(char sign, const std::string &name, const std::string &way) {
+  ++different;
+  if (print_) {
+    std::printf("%c vrf %u %s%s%s\n", sign, vrf_, name.c_str(), way.empty() ? "" : " ", way.c_str());
+  }
+}
 
 int runDiff(int argc, char **argv) {
   DiffOptions options;
@@ -152,19 +203,18 @@ int runDiff(int argc, char **argv) {
   if ((options.reported() && !fetch("dump reported" + which, reported)) || !fetch("dump" + which, dump)) {
     return EXIT_TROUBLE;
   }
-  DeviceNames devices;
-  std::deque<MirrorVrf> vrfs;
-  if (const std::string error = readDump(dump, devices, vrfs); !error.empty()) {
+  Switch sw;
+  sw.restoring = true; // does nothing to the machine, and takes the reports
+  if (const std::string error = replay(dump, sw); !error.empty()) {
     std::fprintf(stderr, "orrinctl: the switch's dump: %s\n", error.c_str());
     return EXIT_TROUBLE;
   }
-  if (const std::string error = readReported(reported, vrfs); !error.empty()) {
-    std::fprintf(stderr, "orrinctl: the switch's reports: %s\n", error.c_str());
-    return EXIT_TROUBLE;
-  }
+  replay(reported, sw); // a line may name a VRF that was deleted between the two answers
   int status = EXIT_SAME;
-  for (const MirrorVrf &vrf : vrfs) {
-    status = std::max(status, compareVrf(vrf, devices, options));
+  for (const auto &[id, vrf] : sw.vrfs) {
+    status = std::max(status, compareVrf(sw, vrf, options));
   }
   return status;
 }
+
+} // namespace orrin

@@ -1,14 +1,14 @@
 // The comparison of kernel routes: what the agent reported against the routes that other programs have put into the kernel's
 // main table. The rules are those by which the agent reports; a route that it passes over is not expected.
-#include "orrinctl_mirror.h"
+#include "orrinctl_diff.h"
 #include "orrinctl_netlink.h"
 
-#include <algorithm>
 #include <arpa/inet.h>
-#include <cstdio>
 #include <net/if.h>
 #include <netinet/in.h>
 #include <optional>
+
+namespace orrin {
 
 namespace {
 
@@ -16,9 +16,13 @@ constexpr uint8_t AGENT_PROTOCOL = 25;
 constexpr uint32_t KERNEL_ROUTE_PROTO = 7; // of IPv4, as reported
 constexpr uint32_t BROADCAST_ADDRESS = UINT32_MAX;
 
-using orrin::IpAddress;
-using orrin::KernelRoute;
-using KernelRoutes = std::multimap<KernelRoute::Key, KernelRoute>; // the switch holds one of a key, the kernel may hold more
+using KernelRows = Comparison::Rows<KernelRoute::Key>;
+
+KernelRows::value_type rowOf(const KernelRoute &route, Comparison &comparison) {
+  std::string words;
+  appendKernelWords(words, route);
+  return {route.key, comparison.wayOf(words.substr(std::min<size_t>(words.size(), 1)))};
+}
 
 struct RouteFields {
   IpAddress gateway;
@@ -61,10 +65,10 @@ RouteFields readFields(const rtmsg &header, const NetlinkMessage &message, Kerne
 
 class Reader {
 public:
-  explicit Reader(const MirrorVrf &vrf) {
-    for (const MirrorInterface &interface : vrf.interfaces) {
-      const uint32_t index = if_nametoindex(interface.device.c_str());
-      if (index != 0) {
+  Reader(const Switch &sw, const Vrf &vrf, Comparison &comparison) : comparison_(comparison) {
+    for (const auto &[number, interface] : sw.interfaces) {
+      const bool isHere = interface.vrf == vrf.id && hasDevice(interface);
+      if (const uint32_t index = isHere ? if_nametoindex(interface.device.c_str()) : 0) {
         interfaces_[index] = &interface;
       }
     }
@@ -85,15 +89,15 @@ public:
     if (fields.table != RT_TABLE_MAIN || !isReported(route, *header) || !addHop(route, fields)) {
       return;
     }
-    routes.emplace(route.key, route);
+    rows.push_back(rowOf(route, comparison_));
   }
 
-  KernelRoutes routes;
+  KernelRows rows;
 
 private:
   static bool isReported(const KernelRoute &route, const rtmsg &header) {
     if (!route.key.prefix.v6) {
-      return orrin::ipv4Number(route.key.prefix) != BROADCAST_ADDRESS;
+      return ipv4Number(route.key.prefix) != BROADCAST_ADDRESS;
     }
     in6_addr address;
     std::memcpy(&address, route.key.prefix.bytes.data(), sizeof address);
@@ -107,14 +111,15 @@ private:
       return true;
     }
     const auto interface = interfaces_.find(fields.device);
-    if (interface == interfaces_.end() || !(interface->second->wanted.up || route.key.prefix.v6)) {
+    if (interface == interfaces_.end() || !(interface->second->state == Interface::UP || route.key.prefix.v6)) {
       return false;
     }
     route.hops.push_back({fields.gateway, interface->second->number});
     return true;
   }
 
-  std::map<uint32_t, const MirrorInterface *> interfaces_; // by kernel index
+  Comparison &comparison_;
+  std::map<uint32_t, const Interface *> interfaces_; // by kernel index
 };
 
 std::string readForeignRoutes(Reader &reader) {
@@ -124,8 +129,7 @@ std::string readForeignRoutes(Reader &reader) {
     header.rtm_family = family;
     header.rtm_table = RT_TABLE_MAIN;
     const auto again = [&reader, family] {
-      std::erase_if(reader.routes,
-                    [family](const auto &entry) { return entry.first.prefix.v6 == (family == AF_INET6); });
+      std::erase_if(reader.rows, [family](const auto &row) { return row.key.prefix.v6 == (family == AF_INET6); });
     };
     const std::string error =
         dump.run(RTM_GETROUTE, header, again, [&reader](const NetlinkMessage &message) { reader.add(message); });
@@ -136,40 +140,27 @@ std::string readForeignRoutes(Reader &reader) {
   return {};
 }
 
-std::string wordsOf(const KernelRoute &route) {
-  std::string text;
-  orrin::appendKernelWords(text, route);
-  return text;
-}
-
 } // namespace
 
-std::string compareKernelRoutes(const MirrorVrf &vrf, DeviceNames & /*devices*/, bool print, MirrorCounts &counts) {
-  Reader reader(vrf);
-  if (std::string error = readForeignRoutes(reader); !error.empty()) {
+std::string compareKernelRoutes(const Switch &sw, const Vrf &vrf, Comparison &comparison) {
+  Reader kernel(sw, vrf, comparison);
+  if (std::string error = readForeignRoutes(kernel); !error.empty()) {
     return error;
   }
-  counts = {vrf.kernelRoutes.size(), vrf.kernelRoutes.size(), reader.routes.size(), 0};
-  const auto report = [&](char sign, const KernelRoute::Key &key, const std::string &what) {
-    ++counts.different;
-    if (print) {
-      std::string prefix;
-      orrin::appendKernelPrefix(prefix, key);
-      std::printf("%c vrf %u kernel-route %s%s\n", sign, vrf.id, prefix.c_str(), what.c_str());
-    }
-  };
+  KernelRows reported;
   for (const auto &[key, route] : vrf.kernelRoutes) {
-    const auto [first, last] = reader.routes.equal_range(key);
-    if (first == last) {
-      report('-', key, wordsOf(route));
-    } else if (std::none_of(first, last, [&route](const auto &have) { return have.second == route; })) {
-      report('~', key, " switch" + wordsOf(route) + ", kernel" + wordsOf(first->second));
-    }
+    reported.push_back(rowOf(route, comparison));
   }
-  for (const auto &[key, route] : reader.routes) {
-    if (!vrf.kernelRoutes.contains(key)) {
-      report('+', key, wordsOf(route));
-    }
-  }
+  comparison.onSwitch = comparison.wanted = reported.size();
+  comparison.inKernel = kernel.rows.size();
+  // The switch holds one of a key, the kernel may hold more.
+  const auto nameOf = [](const KernelRoute::Key &key) {
+    std::string name = "kernel-route ";
+    appendKernelPrefix(name, key);
+    return name;
+  };
+  comparison.run(reported, kernel.rows, nameOf, true);
   return {};
 }
+
+} // namespace orrin

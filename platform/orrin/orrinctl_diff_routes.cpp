@@ -1,19 +1,89 @@
-// The comparison of routes. Both sides come in ascending order and are walked together once.
-#include "grammar.h"
-#include "orrinctl_mirror.h"
+// The comparison of routes: the switch's own against the agent's in the kernel's main table. The rules are those by which the agent
+// installs; a route that it cannot install is still wanted, so that its absence shows. Only a route through an interface that is
+// not up is not: the kernel holds none through a device that is down.
+#include "orrinctl_diff.h"
+#include "orrinctl_netlink.h"
 
-#include <algorithm>
-#include <cstdio>
-#include <linux/rtnetlink.h>
-#include <span>
+#include <arpa/inet.h>
+#include <array>
+#include <optional>
+
+namespace orrin {
 
 namespace {
 
-// The way a route goes, in the words of `ip route`.
-std::string wayText(const MirrorRoute &route, const DeviceNames &devices) {
-  switch (route.type) {
+constexpr uint8_t AGENT_PROTOCOL = 25;
+
+using RouteRows = Comparison::Rows<uint64_t>; // by prefix << 8 | length
+
+// In the words of `ip route`.
+std::string wayText(uint32_t gateway, const std::string &device) {
+  std::string text;
+  if (gateway != 0) {
+    appendAddress(text = "via ", gateway);
+  }
+  if (!device.empty()) {
+    text.append(text.empty() ? "dev " : " dev ").append(device);
+  }
+  return text;
+}
+
+// Nothing for a route that does not belong in the kernel. Without a device the kernel chooses one.
+std::optional<std::string> wantedWay(const Switch &sw, const Vrf &vrf, const RouteAttrs &attrs) {
+  if (attrs.type == RouteAttrs::LOCAL || (attrs.type == RouteAttrs::KERNEL && !attrs.installKernel)) {
+    return std::nullopt;
+  }
+  if (attrs.reject) {
+    return "unreachable";
+  }
+  if (attrs.viaVrfDevice) {
+    return wayText(0, vrf.interfaceName + "_stk");
+  }
+  if (attrs.mpls || attrs.rfc5549) {
+    return wayText(0, attrs.mpls ? "rt_mpls" : "rfc5549if");
+  }
+  if (attrs.hops.empty()) {
+    return "nowhere";
+  }
+  const NextHop &lowest = *std::min_element(attrs.hops.begin(), attrs.hops.end(), [](const auto &a, const auto &b) {
+    return a.address < b.address; // the first among equals
+  });
+  const auto found = sw.interfaces.find(lowest.interface);
+  if (found == sw.interfaces.end() || !hasDevice(found->second)) {
+    return wayText(lowest.address, "");
+  }
+  if (vrf.id != 0 && found->second.state != Interface::UP) {
+    return std::nullopt;
+  }
+  return wayText(lowest.address, found->second.device);
+}
+
+RouteRows wantedRoutes(const Switch &sw, const Vrf &vrf, Comparison &comparison) {
+  RouteRows rows;
+  std::map<AttrId, std::optional<uint32_t>> ways;
+  for (auto place = vrf.routes.first(); const RouteMap::Entry *entry = vrf.routes.at(place);
+       place = vrf.routes.next(place)) {
+    if (sw.attrs.reported(entry->value)) {
+      continue;
+    }
+    ++comparison.onSwitch;
+    const auto [known, isNew] = ways.try_emplace(entry->value);
+    if (isNew) {
+      if (auto text = wantedWay(sw, vrf, decodeAttrs(sw.attrs.body(entry->value)))) {
+        known->second = comparison.wayOf(std::move(*text));
+      }
+    }
+    if (known->second) {
+      rows.push_back({uint64_t{entry->address} << 8 | entry->length, *known->second});
+    }
+  }
+  return rows;
+}
+
+std::string kernelWay(uint8_t type, uint32_t gateway, const std::string &device) {
+  switch (type) {
   case RTN_UNICAST:
-    break;
+    return wayText(gateway, device);
   case RTN_UNREACHABLE:
     return "unreachable";
   case RTN_BLACKHOLE:
@@ -21,92 +91,78 @@ std::string wayText(const MirrorRoute &route, const DeviceNames &devices) {
   case RTN_PROHIBIT:
     return "prohibit";
   default:
-    return "type " + std::to_string(route.type);
+    return "type " + std::to_string(type);
   }
-  std::string text;
-  if (route.gateway != 0) {
-    text = "via ";
-    orrin::appendAddress(text, route.gateway);
-  }
-  if (route.device != 0 && route.device != MirrorRoute::ANY_DEVICE) {
-    text += text.empty() ? "dev " : " dev ";
-    text += devices.nameOf(route.device);
-  }
-  return text.empty() ? "nowhere" : text;
 }
 
-bool sameWay(const MirrorRoute &expected, const MirrorRoute &kernel) {
-  return expected.type == kernel.type && expected.gateway == kernel.gateway &&
-         (expected.device == kernel.device || expected.device == MirrorRoute::ANY_DEVICE);
-}
-
-// Counts the differences of one VRF and, unless a summary is all that is wanted, prints each.
-class RouteComparison {
+class KernelReader {
 public:
-  RouteComparison(const MirrorVrf &vrf, const DeviceNames &devices, bool print)
-      : vrf_(vrf), devices_(devices), print_(print) {}
+  explicit KernelReader(Comparison &comparison) : comparison_(comparison) {}
 
-  size_t run(std::span<const MirrorRoute> kernel) {
-    auto have = kernel.begin();
-    for (const MirrorRoute &want : vrf_.routes) {
-      for (; have != kernel.end() && have->key() < want.key(); ++have) {
-        report('+', *have, wayText(*have, devices_));
-      }
-      auto last = have;
-      while (last != kernel.end() && last->key() == want.key()) {
-        ++last;
-      }
-      compare(want, {have, last});
-      have = last;
+  void add(const NetlinkMessage &message) {
+    const auto header = headerOf<rtmsg>(message);
+    if (message.type != RTM_NEWROUTE || !header || header->rtm_family != AF_INET ||
+        header->rtm_protocol != AGENT_PROTOCOL) {
+      return;
     }
-    for (; have != kernel.end(); ++have) {
-      report('+', *have, wayText(*have, devices_));
+    uint64_t prefix = 0;
+    uint32_t table = header->rtm_table;
+    std::array<uint32_t, 3> way = {header->rtm_type, 0, 0};
+    for (const NetlinkAttr &attr : attrsBehind<rtmsg>(message)) {
+      if (attr.type == RTA_DST) {
+        prefix = ntohl(numberOf(attr));
+      } else if (attr.type == RTA_GATEWAY) {
+        way[1] = ntohl(numberOf(attr));
+      } else if (attr.type == RTA_OIF) {
+        way[2] = numberOf(attr);
+      } else if (attr.type == RTA_TABLE) {
+        table = numberOf(attr);
+      }
     }
-    return differences_;
+    if (table == RT_TABLE_MAIN) {
+      rows.push_back({prefix << 8 | header->rtm_dst_len, wayOf(way)});
+    }
   }
+
+  RouteRows rows;
 
 private:
-  // `have` is every route of that prefix in the kernel; more than one is already a fault.
-  void compare(const MirrorRoute &want, std::span<const MirrorRoute> have) {
-    if (have.empty()) {
-      report('-', want, wayText(want, devices_));
-      return;
+  uint32_t wayOf(const std::array<uint32_t, 3> &way) {
+    const auto [known, isNew] = ways_.try_emplace(way);
+    if (isNew) {
+      const std::string device = way[2] == 0 ? std::string() : comparison_.deviceOf(way[2]);
+      known->second = comparison_.wayOf(kernelWay(static_cast<uint8_t>(way[0]), way[1], device));
     }
-    auto match = std::find_if(have.begin(), have.end(), [&](const MirrorRoute &route) { return sameWay(want, route); });
-    if (match == have.end()) {
-      match = have.begin();
-      report('~', want, "switch " + wayText(want, devices_) + ", kernel " + wayText(*match, devices_));
-    }
-    for (auto extra = have.begin(); extra != have.end(); ++extra) {
-      if (extra != match) {
-        report('+', *extra, wayText(*extra, devices_));
-      }
-    }
+    return known->second;
   }
 
-  void report(char sign, const MirrorRoute &route, const std::string &way) {
-    ++differences_;
-    if (!print_) {
-      return;
-    }
-    std::string prefix;
-    orrin::appendPrefix(prefix, {route.prefix, route.length});
-    std::printf("%c vrf %u route %s %s\n", sign, vrf_.id, prefix.c_str(), way.c_str());
-  }
-
-  const MirrorVrf &vrf_;
-  const DeviceNames &devices_;
-  const bool print_;
-  size_t differences_ = 0;
+  Comparison &comparison_;
+  std::map<std::array<uint32_t, 3>, uint32_t> ways_; // by type, gateway and device
 };
 
 } // namespace
 
-std::string compareRoutes(const MirrorVrf &vrf, DeviceNames &devices, bool print, MirrorCounts &counts) {
-  std::vector<MirrorRoute> kernel;
-  std::string error = readKernelRoutes(devices, kernel);
-  if (error.empty()) {
-    counts = {vrf.switchRoutes, vrf.routes.size(), kernel.size(), RouteComparison(vrf, devices, print).run(kernel)};
+std::string compareRoutes(const Switch &sw, const Vrf &vrf, Comparison &comparison) {
+  rtmsg header{}; // the kernel filters by it, so that a million routes of others cost nothing
+  header.rtm_family = AF_INET;
+  header.rtm_table = RT_TABLE_MAIN;
+  header.rtm_protocol = AGENT_PROTOCOL;
+  KernelReader kernel(comparison);
+  KernelDump dump;
+  const std::string error = dump.run(
+      RTM_GETROUTE, header, [&] { kernel.rows.clear(); }, [&](const NetlinkMessage &message) { kernel.add(message); });
+  if (!error.empty()) {
+    return "routes: " + error;
   }
-  return error;
+  RouteRows wanted = wantedRoutes(sw, vrf, comparison);
+  comparison.wanted = wanted.size();
+  comparison.inKernel = kernel.rows.size();
+  comparison.run(wanted, kernel.rows, [](uint64_t key) {
+    std::string name = "route ";
+    appendPrefix(name, {static_cast<uint32_t>(key >> 8), static_cast<uint8_t>(key)});
+    return name;
+  });
+  return {};
 }
+
+} // namespace orrin

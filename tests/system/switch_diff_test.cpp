@@ -116,8 +116,8 @@ TEST_F(SwitchDiff, KernelRoutesAreThoseThatAnAgentReports) {
   EXPECT_EQ(diff("kernel-routes"), "~ vrf 5 kernel-route 20.0.0.0/8 switch proto 7 via 10.1.0.3 interface 51, kernel "
                                    "proto 7 via 10.1.0.4 interface 51\n"
                                    "- vrf 5 kernel-route 20.0.0.0/8 metric 77 proto 7 via 10.1.0.2 interface 51\n"
-                                   "- vrf 5 kernel-route 2001:db8::/32 via 2001:db8:1::2 interface 51\n"
-                                   "+ vrf 5 kernel-route 26.0.0.0/8 reject metric 9 proto 7\n");
+                                   "+ vrf 5 kernel-route 26.0.0.0/8 reject metric 9 proto 7\n"
+                                   "- vrf 5 kernel-route 2001:db8::/32 via 2001:db8:1::2 interface 51\n");
 }
 
 } // namespace

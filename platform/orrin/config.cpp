@@ -150,7 +150,7 @@ void appendClient(const Client &client, std::string &out) {
 
 } // namespace
 
-void appendConfig(Switch &sw, const Vrf *only, bool runs, std::string &out) {
+void appendConfig(Switch &sw, const Vrf *only, bool forFolder, std::string &out) {
   const auto wanted = [only](uint32_t vrf) { return only == nullptr || only->id == vrf; };
   if (only == nullptr) {
     if (!sw.systemReady) {
@@ -165,13 +165,13 @@ void appendConfig(Switch &sw, const Vrf *only, bool runs, std::string &out) {
   for (const auto &[id, vrf] : sw.vrfs) {
     if (wanted(id)) {
       // For the state folder, interfaces that are still going down come up with it first.
-      appendVrf(vrf, vrf.routing || (runs && hasInterfaceNotDown(sw, vrf)), out);
+      appendVrf(vrf, vrf.routing || (forFolder && hasInterfaceNotDown(sw, vrf)), out);
     }
   }
   for (const auto &[number, interface] : sw.interfaces) {
     if (wanted(interface.vrf)) {
       appendInterface(interface, out);
-      if (interface.wanted || (runs && interface.state == Interface::DOWN_PENDING)) {
+      if (interface.wanted || (forFolder && interface.state == Interface::DOWN_PENDING)) {
         appendSwitchCommand("interface enable ", number, out);
       }
       if (interface.hostMode) {
@@ -183,7 +183,7 @@ void appendConfig(Switch &sw, const Vrf *only, bool runs, std::string &out) {
     if (wanted(id)) {
       appendLearned(vrf, out);
       appendOperations(vrf, out);
-      appendRoutes(sw, vrf, runs, out);
+      appendRoutes(sw, vrf, true, out);
     }
   }
 }

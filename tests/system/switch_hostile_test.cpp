@@ -154,7 +154,7 @@ TEST_F(SwitchHostile, AReaderThatDoesNotReadHoldsUpNobody) {
   const UniqueFd fd = dial(orrin.socket() + ".control", SOCK_STREAM);
   std::string lines;
   for (int count = 0; count < 20; ++count) {
-    lines += "dump\n";
+    lines += "show routes\n";
   }
   EXPECT_GT(send(fd.get(), lines.data(), lines.size(), MSG_NOSIGNAL), 0);
   for (int round = 0; round < 50; ++round) {

@@ -107,6 +107,7 @@ class Lab:
                 process.start()
                 if process in self.agents:
                     self.settle(process)
+                    process.start_probes()
             except (TimeoutError, RuntimeError) as error:
                 say(str(error))
 

@@ -339,6 +339,12 @@ class Agent(Process):
             raise RuntimeError(f"mirelsh {self.vrf.id} {name}: {done.stderr}{done.stdout}")
         return done.stdout
 
+    def start_probes(self):
+        """Gives a new agent the operations that the switch keeps; it takes none before its start-up is through."""
+        for line in orrinctl("dump", "vrf", self.vrf.id).stdout.splitlines():
+            if line.startswith("ipsla start"):
+                until(lambda: orrinctl(*line.split()).returncode == 0, 20, lambda: f"{self.name} takes \"{line}\"")
+
     def quick(self):
         """Fetches changes on every pass of the loop instead of every ten seconds."""
         self.sh("mirelBestRoutePollTimeSet", 0)

@@ -3,7 +3,6 @@
 #include "clients.h"
 
 #include "interfaces.h"
-#include "ipsla.h"
 #include "process_info.h"
 #include "router_events.h"
 #include "tarnapi.h"
@@ -148,9 +147,6 @@ int32_t registerClient(Switch &sw, ClientKind kind, uint32_t vrf, const Applican
   id = client.id;
   sw.journal.append(clientLine(client));
   activate(sw, sw.clients[id] = std::move(client), openProcess(who.process));
-  if (kind == ClientKind::ROUTER_EVENT) {
-    startOperations(sw.vrfs.at(vrf));
-  }
   return TARN_OK;
 }
 

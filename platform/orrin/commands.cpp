@@ -26,7 +26,7 @@ const Command *findCommand(Words &words, std::string &out) {
   bool firstIsKnown = false;
   for (const std::span<const Command> table :
        {answerCommands(), switchCommands(), interfaceCommands(), routeCommands(), arpCommands(), ipSlaCommands(),
-        agentCommands(), reportedCommands(), faultCommands(), clientCommands()}) {
+        reportedCommands(), faultCommands(), clientCommands()}) {
     for (const Command &command : table) {
       if (command.name == both) {
         words.take();
@@ -124,33 +124,17 @@ bool takeVrfFilter(Switch &sw, Words &words, const Vrf *&only, std::string &out)
 }
 
 bool runCommand(Switch &sw, std::string_view line, std::string &out) {
-  Outcome outcome;
-  runCommand(sw, line, outcome, nullptr);
-  out = std::move(outcome.text);
-  return outcome.accepted;
-}
-
-bool runCommand(Switch &sw, std::string_view line, Outcome &outcome, const OutcomeTaker &answer) {
-  const uint64_t before = sw.journal.appended();
+  out.clear();
   Words words(line);
-  const Command *command = words.atEnd() ? nullptr : findCommand(words, outcome.text);
+  const Command *command = words.atEnd() ? nullptr : findCommand(words, out);
   if (command == nullptr) {
-    outcome.accepted = outcome.text.empty();
-    return false;
+    return out.empty();
   }
-  if (command->ask != nullptr && answer) {
-    return command->ask(sw, words, outcome.text, answer);
-  }
-  if (command->handler == nullptr) {
-    outcome.text = "asks an agent, which only orrinctl can";
-    return false;
-  }
-  outcome.accepted = command->handler(sw, words, outcome.text);
-  if (outcome.accepted && command->kept) {
+  const bool accepted = command->handler(sw, words, out);
+  if (accepted && command->kept) {
     sw.journal.append(line);
   }
-  outcome.kept = sw.journal.appended() != before;
-  return false;
+  return accepted;
 }
 
 bool runScript(Switch &sw, const std::string &path, std::string &error) {

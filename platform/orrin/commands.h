@@ -3,29 +3,15 @@
 
 #include "switch.h"
 
-#include <functional>
 #include <span>
 #include <string>
 #include <string_view>
 
 namespace orrin {
 
-// What became of a command.
-struct Outcome {
-  bool accepted = false;
-  bool kept = false; // in the journal, to be: it is done when it is on file
-  std::string text;
-};
-
 // Carries out one line. True when accepted, with the answer in `out`; else `out` says which word is wrong and why.
 // Accepted configuration goes to the journal.
 bool runCommand(Switch &sw, std::string_view line, std::string &out);
-
-// The same for somebody who can wait: true when `answer` is going to be called, from the loop, by a command that asks an
-// agent; false when the outcome is there at once. A command that asks an agent is refused without an `answer`, or, if it is
-// configuration, only kept.
-using OutcomeTaker = std::function<void(Outcome outcome)>;
-bool runCommand(Switch &sw, std::string_view line, Outcome &outcome, const OutcomeTaker &answer);
 
 // Runs a file of commands. False with "file:line: reason".
 bool runScript(Switch &sw, const std::string &path, std::string &error);
@@ -33,14 +19,10 @@ bool runScript(Switch &sw, const std::string &path, std::string &error);
 // A command takes the words behind its name. True when done; else `out` says why not.
 using CommandHandler = bool (*)(Switch &sw, Words &words, std::string &out);
 
-// The same for a command that asks an agent: after true, `answer` gets the outcome.
-using AskingHandler = bool (*)(Switch &sw, Words &words, std::string &out, OutcomeTaker answer);
-
 struct Command {
-  std::string_view name;  // one or two words
-  CommandHandler handler; // null for one that only asks
-  bool kept;              // in the journal, as it was given to `handler`
-  AskingHandler ask = nullptr;
+  std::string_view name; // one or two words
+  CommandHandler handler;
+  bool kept; // in the journal, as it was given to `handler`
 };
 
 // show.cpp
@@ -58,14 +40,10 @@ std::span<const Command> switchCommands();
 std::span<const Command> interfaceCommands();
 std::span<const Command> routeCommands();
 std::span<const Command> arpCommands();
-std::span<const Command> agentCommands();
 std::span<const Command> ipSlaCommands();
 std::span<const Command> reportedCommands();
 std::span<const Command> faultCommands();
 std::span<const Command> clientCommands();
-
-// An answer for Outcome when the agent of the VRF did not do it: it has no result, or another one than 0.
-std::string agentRefusal(uint32_t vrf, const AgentReply &reply);
 
 // For handlers: a refusal with its reason, and words that several of them read.
 inline bool refuse(std::string &out, std::string text) {

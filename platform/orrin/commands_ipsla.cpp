@@ -1,4 +1,4 @@
-// Commands about IP SLA operations. Used by orrin's one thread.
+// Commands about IP SLA operations, which orrinctl has asked the VRF's agent for. Used by orrin's one thread.
 
 #include "commands.h"
 
@@ -65,65 +65,23 @@ bool takeStart(Switch &sw, Words &words, Operation &operation, std::string &out)
   return true;
 }
 
-// Without an agent: it is started when one comes.
-bool ipSlaStartKept(Switch &sw, Words &words, std::string &out) {
+bool ipSlaStart(Switch &sw, Words &words, std::string &out) {
   Operation operation;
   if (!takeStart(sw, words, operation, out)) {
     return false;
   }
   operation.vrf->operations[operation.number] = operation.settings;
+  operation.vrf->reports.erase(operation.number);
   return true;
 }
 
-bool ipSlaStart(Switch &sw, Words &words, std::string &out, OutcomeTaker answer) {
-  Operation operation;
-  if (!takeStart(sw, words, operation, out)) {
-    return false;
-  }
-  callProbeStart(sw, operation.vrf->id, operation.number, operation.settings,
-                 [&sw, id = operation.vrf->id, number = operation.number, settings = operation.settings,
-                  answer = std::move(answer)](const AgentReply &reply) {
-                   Vrf *vrf = findVrf(sw, id);
-                   std::string refusal = vrf != nullptr ? agentRefusal(id, reply) : "the VRF has been removed";
-                   if (vrf == nullptr || !refusal.empty()) {
-                     answer({false, false, std::move(refusal)});
-                     return;
-                   }
-                   vrf->operations[number] = settings;
-                   vrf->reports.erase(number);
-                   sw.journal.append(operationLine(id, number, settings));
-                   answer({true, true, {}});
-                 });
-  return true;
-}
-
-bool ipSlaStopKept(Switch &sw, Words &words, std::string &out) {
+// ipsla stop vrf <id> <operation>
+bool ipSlaStop(Switch &sw, Words &words, std::string &out) {
   Operation operation;
   if (!takeOperation(sw, words, operation, out) || !takeEnd(words, out)) {
     return false;
   }
   operation.vrf->operations.erase(operation.number);
-  return true;
-}
-
-// ipsla stop vrf <id> <operation>. An agent that is not there runs nothing.
-bool ipSlaStop(Switch &sw, Words &words, std::string &out, OutcomeTaker answer) {
-  Operation operation;
-  if (!takeOperation(sw, words, operation, out) || !takeEnd(words, out)) {
-    return false;
-  }
-  callProbeStop(
-      sw, operation.vrf->id, operation.number,
-      [&sw, id = operation.vrf->id, number = operation.number, answer = std::move(answer)](const AgentReply &reply) {
-        Vrf *vrf = findVrf(sw, id);
-        std::string refusal = reply.absent ? std::string() : agentRefusal(id, reply);
-        const bool stopped = refusal.empty();
-        const bool known = stopped && vrf != nullptr && vrf->operations.erase(number) != 0;
-        if (known) {
-          sw.journal.append("ipsla stop vrf " + std::to_string(id) + ' ' + std::to_string(number));
-        }
-        answer({stopped, known, std::move(refusal)});
-      });
   return true;
 }
 
@@ -185,8 +143,8 @@ bool ipSlaShow(Switch &sw, Words &words, std::string &out) {
 }
 
 constexpr Command COMMANDS[] = {
-    {"ipsla start", ipSlaStartKept, true, ipSlaStart},
-    {"ipsla stop", ipSlaStopKept, true, ipSlaStop},
+    {"ipsla start", ipSlaStart, true},
+    {"ipsla stop", ipSlaStop, true},
     {"ipsla show", ipSlaShow, false},
 };
 
@@ -194,6 +152,22 @@ constexpr Command COMMANDS[] = {
 
 std::span<const Command> ipSlaCommands() {
   return COMMANDS;
+}
+
+void appendOperations(const Vrf &vrf, std::string &out) {
+  for (const auto &[number, operation] : vrf.operations) {
+    appendNumber(out += "ipsla start vrf ", vrf.id);
+    appendNumber(out += ' ', number);
+    appendAddress(out += " to ", operation.target);
+    if (operation.source != 0) {
+      appendAddress(out += " from ", operation.source);
+    }
+    appendNumber(out += " frequency ", operation.frequency);
+    appendNumber(out += " threshold ", operation.threshold);
+    appendNumber(out += " timeout ", operation.timeout);
+    appendNumber(out += " size ", operation.size);
+    out += '\n';
+  }
 }
 
 } // namespace orrin

@@ -40,15 +40,13 @@ void ControlServer::serve(uint32_t number, uint32_t events) {
     connections_.erase(entry);
     return;
   }
-  runLines(number, connection);
-  const bool gone = !sendOutput(connection) || (connection.waits && (events & EPOLLHUP) != 0);
-  if (gone || (connection.ended && !connection.waits && connection.output.empty())) {
+  runLines(connection);
+  if (!sendOutput(connection) || (connection.ended && connection.output.empty())) {
     connections_.erase(entry);
     return;
   }
-  const bool moreToRun = !connection.waits && connection.input.find('\n') != std::string::npos;
-  const uint32_t otherwise = connection.waits ? 0 : uint32_t{EPOLLIN};
-  const uint32_t wanted = !connection.output.empty() || moreToRun ? EPOLLOUT : otherwise;
+  const bool moreToRun = connection.input.find('\n') != std::string::npos;
+  const uint32_t wanted = !connection.output.empty() || moreToRun ? EPOLLOUT : EPOLLIN;
   sw_.poller.change(connection.fd.get(), wanted, Watched::CONTROL_CONNECTION, number);
 }
 
@@ -67,40 +65,25 @@ bool ControlServer::receive(Connection &connection) {
   return connection.input.size() <= LINE_MAX_BYTES || connection.input.find('\n') != std::string::npos;
 }
 
-void ControlServer::runLines(uint32_t number, Connection &connection) {
-  const OutcomeTaker later = [this, number](Outcome outcome) { answerLater(number, std::move(outcome)); };
+void ControlServer::runLines(Connection &connection) {
+  struct Outcome {
+    bool accepted;
+    bool kept; // in the journal: it is done when it is on file
+    std::string text;
+  };
   std::vector<Outcome> outcomes;
   size_t bytes = connection.output.size();
   size_t begin = 0;
-  while (bytes < OUTPUT_AT_ONCE && !connection.waits) {
-    const size_t end = connection.input.find('\n', begin);
-    if (end == std::string::npos) {
-      break;
-    }
-    Outcome outcome;
-    connection.waits = runCommand(sw_, std::string_view(connection.input).substr(begin, end - begin), outcome, later);
-    if (!connection.waits) {
-      bytes += outcome.text.size();
-      outcomes.push_back(std::move(outcome));
-    }
+  for (size_t end; bytes < OUTPUT_AT_ONCE && (end = connection.input.find('\n', begin)) != std::string::npos;
+       begin = end + 1) {
+    const uint64_t before = sw_.journal.appended();
+    Outcome &outcome = outcomes.emplace_back();
+    outcome.accepted = runCommand(sw_, std::string_view(connection.input).substr(begin, end - begin), outcome.text);
+    outcome.kept = sw_.journal.appended() != before;
+    bytes += outcome.text.size();
     sw_.page.beat();
-    begin = end + 1;
   }
   connection.input.erase(0, begin);
-  answer(connection, outcomes);
-}
-
-// The connection may be gone; what was asked for has happened all the same.
-void ControlServer::answerLater(uint32_t number, Outcome outcome) {
-  const auto entry = connections_.find(number);
-  if (entry != connections_.end()) {
-    entry->second.waits = false;
-    answer(entry->second, {&outcome, 1});
-    serve(number, 0);
-  }
-}
-
-void ControlServer::answer(Connection &connection, std::span<Outcome> outcomes) {
   const bool onFile = sw_.journal.flush();
   for (Outcome &outcome : outcomes) {
     if (outcome.accepted && outcome.kept && !onFile) {

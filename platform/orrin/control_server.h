@@ -1,5 +1,5 @@
 // The control socket: command lines in, for each in order "<status> <length>\n" and so many bytes of text out. Status 0 means
-// done and on file. While a command waits for an agent, or answers wait for their reader no more commands are read from it.
+// done and on file. While answers wait for their reader, no more commands are read from it.
 #pragma once
 
 #include "commands.h"
@@ -31,13 +31,10 @@ private:
     std::string output;
     size_t sent = 0; // of output
     bool ended = false;
-    bool waits = false; // for an agent, with the answer to the last command that was run
   };
 
   bool receive(Connection &connection);
-  void runLines(uint32_t number, Connection &connection);
-  void answerLater(uint32_t number, Outcome outcome);
-  void answer(Connection &connection, std::span<Outcome> outcomes);
+  void runLines(Connection &connection);
   bool sendOutput(Connection &connection);
 
   Switch &sw_;

@@ -7,7 +7,6 @@
 #include "commands.h"
 #include "control_server.h"
 #include "interfaces.h"
-#include "ipsla.h"
 #include "restart_record.h"
 #include "router_events.h"
 
@@ -155,8 +154,7 @@ public:
 private:
   int waitMs() const {
     uint64_t next = std::min(beatDueMs_, sw_.keepaliveDueMs);
-    for (const uint64_t due :
-         {api_.nextDueMs(), nextRetryMs(sw_), nextAckTimeoutMs(sw_), sw_.agents.nextDueMs(), nextStartMs(sw_)}) {
+    for (const uint64_t due : {api_.nextDueMs(), nextRetryMs(sw_), nextAckTimeoutMs(sw_)}) {
       next = due == 0 ? next : std::min(next, due);
     }
     const uint64_t now = nowMs();
@@ -178,8 +176,6 @@ private:
     api_.answerDue();
     endAckWaits(sw_);
     flushDueOutboxes(sw_);
-    runDueStarts(sw_);
-    sw_.agents.runDue(now);
     sw_.journal.flush();
     if (sw_.journal.wantsRewrite() && now >= rewriteDueMs_) {
       rewriteState(now);
@@ -220,9 +216,6 @@ private:
       break;
     case Watched::ARP_SOCKET:
       serveArpSocket(event);
-      break;
-    case Watched::AGENT_CALL:
-      sw_.agents.serve(event.number);
       break;
     }
   }

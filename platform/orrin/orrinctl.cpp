@@ -1,5 +1,6 @@
 // orrinctl, the operator's hand on orrin: one command from its arguments, or many from standard input, sent as they are
-// over the control socket; `help` and `diff` are answered here. Exit status 0 when every command was accepted, else 1.
+// over the control socket; `help` and `diff` are answered here, and what an agent is asked goes to the agent first. Exit status 0 when every command was accepted, else 1.
+#include "orrinctl_agent.h"
 #include "orrinctl_diff.h"
 #include "orrinctl_session.h"
 
@@ -87,25 +88,22 @@ int finish(bool good) {
 }
 
 int runOne(const std::string &command) {
-  ControlSession session;
   if (command.find('\n') != std::string::npos) {
     std::fputs("orrinctl: a command is one line\n", stderr);
     return 1;
   }
-  if (session.connect()) {
-    session.queue(command);
-    if (session.wait(-1) == ControlSession::Event::Answer) {
-      const ControlAnswer answer = session.takeAnswer();
-      if (answer.accepted) {
-        writeText(stdout, answer.text);
-        return finish(true);
-      }
-      writeText(stderr, "orrinctl: " + answer.text);
-      return 1;
-    }
+  ControlAnswer answer;
+  bool asksOrrin = true;
+  if (orrin::asksAgent(command)) {
+    const orrin::AgentOutcome asked = orrin::askAgent(command);
+    answer = {asked.accepted, asked.text};
+    asksOrrin = asked.forTheSwitch;
   }
-  std::fprintf(stderr, "orrinctl: %s\n", session.error().c_str());
-  return 1;
+  if (asksOrrin) {
+    answer = askOrrin(command);
+  }
+  writeText(answer.accepted ? stdout : stderr, (answer.accepted ? "" : "orrinctl: ") + answer.text);
+  return finish(answer.accepted);
 }
 
 bool isCommand(std::string_view line) {
@@ -126,7 +124,7 @@ public:
       case ControlSession::Event::Lost:
         return fail(session_.error());
       case ControlSession::Event::Answer:
-        report(session_.takeAnswer());
+        takeAnswer();
         break;
       case ControlSession::Event::Input:
         if (!readInput()) {
@@ -158,34 +156,63 @@ private:
     }
     if (n == 0) {
       inputEnded_ = true;
-      queueLine(partial_);
-      return true;
+      return queueLine(partial_);
     }
     partial_.append(step.data(), static_cast<size_t>(n));
     size_t start = 0;
     for (size_t end; (end = partial_.find('\n', start)) != std::string::npos; start = end + 1) {
-      queueLine(std::string_view(partial_).substr(start, end - start));
+      if (!queueLine(std::string_view(partial_).substr(start, end - start))) {
+        return false;
+      }
     }
     partial_.erase(0, start);
     return true;
   }
 
-  void queueLine(std::string_view line) {
+  bool queueLine(std::string_view line) {
     ++lineNumber_;
-    if (isCommand(line)) {
-      session_.queue(line);
-      asked_.push_back(lineNumber_);
+    if (!isCommand(line)) {
+      return true;
     }
+    if (orrin::asksAgent(line)) {
+      if (!takeAllAnswers()) { // commands are carried out in their order
+        return false;
+      }
+      const orrin::AgentOutcome asked = orrin::askAgent(line);
+      if (!asked.forTheSwitch) {
+        report(lineNumber_, asked.accepted, asked.text);
+        return true;
+      }
+    }
+    session_.queue(line);
+    asked_.push_back(lineNumber_);
+    return true;
   }
 
-  void report(const ControlAnswer &answer) {
+  bool takeAllAnswers() {
+    while (session_.unanswered() > 0) {
+      if (session_.wait(-1) == ControlSession::Event::Lost) {
+        fail(session_.error());
+        return false;
+      }
+      takeAnswer();
+    }
+    return true;
+  }
+
+  void takeAnswer() {
     const size_t line = asked_.front();
     asked_.pop_front();
-    if (answer.accepted) {
-      writeText(stdout, answer.text);
+    const ControlAnswer answer = session_.takeAnswer();
+    report(line, answer.accepted, answer.text);
+  }
+
+  void report(size_t line, bool accepted, const std::string &text) {
+    if (accepted) {
+      writeText(stdout, text);
     } else {
       good_ = false;
-      writeText(stderr, "orrinctl: line " + std::to_string(line) + ": " + answer.text);
+      writeText(stderr, "orrinctl: line " + std::to_string(line) + ": " + text);
     }
     if (session_.unanswered() == 0) {
       std::fflush(stdout); // an operator may be typing

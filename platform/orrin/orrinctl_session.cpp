@@ -26,6 +26,16 @@ std::string controlPath() {
 
 } // namespace
 
+ControlAnswer askOrrin(const std::string &command) {
+  ControlSession session;
+  if (!session.connect()) {
+    return {false, session.error()};
+  }
+  session.queue(command);
+  return session.wait(-1) == ControlSession::Event::Answer ? session.takeAnswer()
+                                                           : ControlAnswer{false, session.error()};
+}
+
 bool ControlSession::connect() {
   const std::string path = controlPath();
   sockaddr_un addr{};

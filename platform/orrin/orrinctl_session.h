@@ -12,6 +12,9 @@ struct ControlAnswer {
   std::string text;
 };
 
+// One command over a connection of its own; not accepted, with the reason, when orrin cannot be asked.
+ControlAnswer askOrrin(const std::string &command);
+
 class ControlSession {
 public:
   enum class Event { Answer, Input, Lost };

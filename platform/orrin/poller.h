@@ -17,8 +17,7 @@ enum class Watched : uint32_t {
   CONTROL_CONNECTION,
   CLIENT_SOCKET,
   CLIENT_PROCESS,
-  ARP_SOCKET,
-  AGENT_CALL
+  ARP_SOCKET
 };
 
 class Poller {

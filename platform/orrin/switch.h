@@ -1,9 +1,8 @@
 // The switch: everything that orrin holds. Plain records, all used by the one thread; the sources beside this one change
-// them: routes.cpp the route tables, kernel_routes.cpp what agents report of theirs, arp.cpp the ARP caches, ipsla.cpp the IP SLA
-// operations, interfaces.cpp the interfaces, clients.cpp the registrations, router_events.cpp the events.
+// them: routes.cpp the route tables, kernel_routes.cpp what agents report of theirs, arp.cpp the ARP caches,
+// interfaces.cpp the interfaces, clients.cpp the registrations, router_events.cpp the events.
 #pragma once
 
-#include "agent_calls.h"
 #include "attr_table.h"
 #include "change_queue.h"
 #include "faults.h"
@@ -130,10 +129,6 @@ struct Vrf {
   uint64_t resolutionsLost = 0;                  // no agent was there, or it did not read
   std::map<uint32_t, IpSlaOperation> operations; // IP SLA
   std::map<uint32_t, IpSlaReports> reports;      // by operation, which may be stopped
-  std::deque<uint32_t> toStart;                  // operations, in the agent that came last
-  uint64_t startAtMs = 0;                        // the first of them; 0 = when the agent has answered
-  uint32_t startTries = 0;
-  uint32_t agentsCome = 0;
 };
 
 enum class ClientKind : uint8_t { BEST_ROUTE, ROUTER_EVENT };
@@ -206,7 +201,6 @@ struct Switch {
   FaultTable faults;
   Publisher page;
   Poller poller;
-  AgentCalls agents{poller};
   Journal journal;
 };
 

@@ -138,6 +138,7 @@ class System:
         self.switch_killed = None
         self.questions = self.socket_in_vrf()
         self.agent, self.default_agent = Agent(self.vrf), Agent(self.default_vrf)
+        self.probed = None  # the process in which the probe was started
         self.agent.come_up()
         self.heal()
 
@@ -227,9 +228,18 @@ class System:
         self.agent.come_up()
         labnet.until(self.agent_is_up, HEAL_SECONDS, lambda: f"the agent has registered: {self.switch.ctl('show', 'clients')}")
         self.agent.come_up()
+        self.start_probe()
         self.settle()
         self.switch.script_in([*(f"interface enable {interface}" for interface in self.interfaces), *self.routes("modify", 1)])
         labnet.until_mirrored(self.vrf, HEAL_SECONDS)
+
+    def start_probe(self):
+        """In a new agent, as the lab does; the fault may have started it there already, and a second start is refused."""
+        if self.probed != self.agent.pid:
+            labnet.orrinctl("ipsla", "stop", "vrf", 3, 1)
+            labnet.until(lambda: labnet.orrinctl("ipsla", "start", *PROBE.split()).returncode == 0, HEAL_SECONDS,
+                         "the agent takes the probe")
+            self.probed = self.agent.pid
 
     def settle(self):
         """Until the agent has handled what was sent before, and no interface is on its way up or down: the switch has no ear for an

@@ -102,6 +102,9 @@ def test_orrin_that_is_not_there():
         "orrinctl: cannot reach orrin at /run/orrin/api.control: No such file or directory\n"
     assert orrinctl("show", "vrfs").returncode == 1
     assert orrinctl("diff").returncode == 2
+    assert orrinctl("stats", "vrf", 3).stderr == "orrinctl: the agent of VRF 3 is not there\n"
+    assert orrinctl(*"arp add vrf 3 10.1.1.9 mac ff:ff:ff:ff:ff:ff interface 11".split()).stderr == \
+        "orrinctl: mac: \"ff:ff:ff:ff:ff:ff\" is no unicast MAC address\n"
     assert "vrf add <id>" in orrinctl("help").stdout
 
 

@@ -56,8 +56,9 @@ def test_outcomes():
     assert rows[2]["in-time"] == rows[2]["late"] == rows[4]["in-time"] == rows[4]["late"] == rows[1]["late"] == 0, rows
     assert [rows[5][column] for column in ("in-time", "failed", "late")] == [0, 0, 0], rows[5]
 
-    system.agents[0].kill()  # the switch starts them in the next one
+    system.agents[0].kill()
     system.agents[0].start()
+    system.agents[0].start_probes()
     before = operations(system)[1]["in-time"]
     until(lambda: operations(system)[1]["in-time"] >= before + 2, 10, "a new agent probes")
     for number in rows:

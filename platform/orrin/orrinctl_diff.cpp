@@ -6,11 +6,11 @@
 #include "orrinctl_session.h"
 
 #include <array>
-#include <charconv>
 #include <cstdio>
 #include <fcntl.h>
 #include <net/if.h>
 #include <sched.h>
+#include <set>
 #include <span>
 
 namespace orrin {
@@ -22,79 +22,44 @@ constexpr int EXIT_DIFFERENT = 1;
 constexpr int EXIT_TROUBLE = 2;
 
 struct Area {
-  const char *name;
+  std::string_view name;
   std::string (*compare)(const Switch &sw, const Vrf &vrf, Comparison &comparison);
   bool reported; // the kernel is the origin, and the switch has what the agent reported
 };
 
-constexpr std::array AREAS = {Area{"interfaces", compareInterfaces, false}, Area{"routes", compareRoutes, false},
-                              Area{"neighbours", compareNeighbours, true},
-                              Area{"kernel-routes", compareKernelRoutes, true}};
+constexpr Area AREAS[] = {{"interfaces", compareInterfaces, false},
+                          {"routes", compareRoutes, false},
+                          {"neighbours", compareNeighbours, true},
+                          {"kernel-routes", compareKernelRoutes, true}};
 
 struct DiffOptions {
-  bool oneVrf = false;
-  uint32_t vrfId = 0;
+  std::string vrf; // " vrf 3", or empty for all
   bool summary = false;
-  std::array<bool, AREAS.size()> areas{}; // none = those that the agent writes into the kernel
-
-  bool reported() const {
-    for (size_t i = 0; i < AREAS.size(); ++i) {
-      if (areas[i] && AREAS[i].reported) {
-        return true;
-      }
-    }
-    return false;
-  }
+  std::set<const Area *> areas;
+  bool reported = false; // one of them is
 };
-
-bool takeArea(std::string_view word, DiffOptions &options) {
-  const auto *area = std::find_if(AREAS.begin(), AREAS.end(), [word](const Area &each) { return word == each.name; });
-  if (area == AREAS.end()) {
-    return false;
-  }
-  options.areas[static_cast<size_t>(area - AREAS.begin())] = true;
-  return true;
-}
 
 bool parseOptions(std::span<char *const> words, DiffOptions &options) {
   for (size_t i = 0; i < words.size(); ++i) {
     const std::string_view word = words[i];
-    if (word == "vrf" && i + 1 < words.size()) {
-      const std::string_view id = words[++i];
-      const auto parsed = std::from_chars(id.data(), id.data() + id.size(), options.vrfId);
-      if (parsed.ec != std::errc{} || parsed.ptr != id.data() + id.size()) {
-        return false;
-      }
-      options.oneVrf = true;
+    uint32_t id = 0;
+    if (const Area *area = std::ranges::find(AREAS, word, &Area::name); area != std::end(AREAS)) {
+      options.areas.insert(area);
+      options.reported = options.reported || area->reported;
     } else if (word == "summary") {
       options.summary = true;
-    } else if (!takeArea(word, options)) {
+    } else if (word == "vrf" && i + 1 < words.size() && parseNumber(words[++i], id)) {
+      options.vrf = " vrf " + std::to_string(id);
+    } else {
       return false;
     }
   }
-  if (std::ranges::none_of(options.areas, [](bool chosen) { return chosen; })) {
-    std::ranges::transform(AREAS, options.areas.begin(), [](const Area &area) { return !area.reported; });
+  const bool noneIsNamed = options.areas.empty();
+  for (const Area &area : AREAS) {
+    if (noneIsNamed && !area.reported) { // those that the agent writes into the kernel
+      options.areas.insert(&area);
+    }
   }
-  return true;
-}
-
-bool fetch(const std::string &command, std::string &dump) {
-  ControlSession session;
-  if (!session.connect()) {
-    std::fprintf(stderr, "orrinctl: %s\n", session.error().c_str());
-    return false;
-  }
-  session.queue(command);
-  if (session.wait(-1) != ControlSession::Event::Answer) {
-    std::fprintf(stderr, "orrinctl: %s\n", session.error().c_str());
-    return false;
-  }
-  ControlAnswer answer = session.takeAnswer();
-  if (!answer.accepted) {
-    std::fprintf(stderr, "orrinctl: %s\n", answer.text.c_str());
-    return false;
-  }
-  dump = std::move(answer.text);
   return true;
 }
 
@@ -125,17 +90,14 @@ int compareVrf(const Switch &sw, const Vrf &vrf, const DiffOptions &options) {
     return trouble(vrf, error);
   }
   int status = EXIT_SAME;
-  for (size_t i = 0; i < AREAS.size(); ++i) {
-    if (!options.areas[i]) {
-      continue;
-    }
+  for (const Area *area : options.areas) {
     Comparison comparison(vrf.id, !options.summary);
-    if (const std::string error = AREAS[i].compare(sw, vrf, comparison); !error.empty()) {
+    if (const std::string error = area->compare(sw, vrf, comparison); !error.empty()) {
       return trouble(vrf, error);
     }
     if (options.summary) {
       std::printf("vrf %u %s %s switch %zu wanted %zu kernel %zu different %zu\n", vrf.id, vrf.name.c_str(),
-                  AREAS[i].name, comparison.onSwitch, comparison.wanted, comparison.inKernel, comparison.different);
+                  area->name.data(), comparison.onSwitch, comparison.wanted, comparison.inKernel, comparison.different);
     }
     status = comparison.different != 0 ? EXIT_DIFFERENT : status;
   }
@@ -197,19 +159,19 @@ int runDiff(int argc, char **argv) {
     std::fputs("usage: orrinctl diff [vrf <id>] [interfaces|routes|neighbours|kernel-routes]... [summary]\n", stderr);
     return EXIT_TROUBLE;
   }
-  const std::string which = options.oneVrf ? " vrf " + std::to_string(options.vrfId) : std::string();
-  std::string dump;
-  std::string reported;
-  if ((options.reported() && !fetch("dump reported" + which, reported)) || !fetch("dump" + which, dump)) {
+  const ControlAnswer reported = options.reported ? askOrrin("dump reported" + options.vrf) : ControlAnswer{true, {}};
+  const ControlAnswer dump = reported.accepted ? askOrrin("dump" + options.vrf) : reported;
+  if (!dump.accepted) {
+    std::fprintf(stderr, "orrinctl: %s\n", dump.text.c_str());
     return EXIT_TROUBLE;
   }
   Switch sw;
   sw.restoring = true; // does nothing to the machine, and takes the reports
-  if (const std::string error = replay(dump, sw); !error.empty()) {
+  if (const std::string error = replay(dump.text, sw); !error.empty()) {
     std::fprintf(stderr, "orrinctl: the switch's dump: %s\n", error.c_str());
     return EXIT_TROUBLE;
   }
-  replay(reported, sw); // a line may name a VRF that was deleted between the two answers
+  replay(reported.text, sw); // a line may name a VRF that was deleted between the two answers
   int status = EXIT_SAME;
   for (const auto &[id, vrf] : sw.vrfs) {
     status = std::max(status, compareVrf(sw, vrf, options));

@@ -38,6 +38,7 @@ struct Address {
 
 // A kernel device, as it is or as it should be.
 struct Device {
+  std::string name;
   bool up = false;
   Mac mac{};
   uint32_t mtu = 0;
@@ -45,38 +46,33 @@ struct Device {
   std::vector<Address> addresses;
 };
 
-struct Link {
-  std::string name;
-  Device device;
-};
-
-using Links = std::map<uint32_t, Link>; // by index
+using Devices = std::map<uint32_t, Device>; // by index
 
 std::string textOf(const NetlinkAttr &attr) {
   const auto *text = reinterpret_cast<const char *>(attr.data.data());
   return {text, strnlen(text, attr.data.size())};
 }
 
-void addLink(const NetlinkMessage &message, Links &links) {
+void addLink(const NetlinkMessage &message, Devices &devices) {
   const auto header = headerOf<ifinfomsg>(message);
   if (message.type != RTM_NEWLINK || !header) {
     return;
   }
-  Link link;
-  link.device.up = (header->ifi_flags & IFF_UP) != 0;
+  Device device;
+  device.up = (header->ifi_flags & IFF_UP) != 0;
   for (const NetlinkAttr &attr : attrsBehind<ifinfomsg>(message)) {
     if (attr.type == IFLA_IFNAME) {
-      link.name = textOf(attr);
+      device.name = textOf(attr);
     } else if (attr.type == IFLA_MTU) {
-      link.device.mtu = numberOf(attr);
-    } else if (attr.type == IFLA_ADDRESS && attr.data.size() == link.device.mac.size()) {
-      std::memcpy(link.device.mac.data(), attr.data.data(), link.device.mac.size());
+      device.mtu = numberOf(attr);
+    } else if (attr.type == IFLA_ADDRESS && attr.data.size() == device.mac.size()) {
+      std::memcpy(device.mac.data(), attr.data.data(), device.mac.size());
     }
   }
-  links[static_cast<uint32_t>(header->ifi_index)] = std::move(link);
+  devices[static_cast<uint32_t>(header->ifi_index)] = std::move(device);
 }
 
-void addAddress(const NetlinkMessage &message, Links &links) {
+void addAddress(const NetlinkMessage &message, Devices &devices) {
   const auto header = headerOf<ifaddrmsg>(message);
   if (message.type != RTM_NEWADDR || !header || header->ifa_family != AF_INET) {
     return;
@@ -90,14 +86,14 @@ void addAddress(const NetlinkMessage &message, Links &links) {
       address.label = textOf(attr);
     }
   }
-  if (const auto link = links.find(header->ifa_index); link != links.end()) {
-    link->second.device.addresses.push_back(std::move(address));
+  if (const auto device = devices.find(header->ifa_index); device != devices.end()) {
+    device->second.addresses.push_back(std::move(address));
   }
 }
 
 // A line for each device, "<index>\t<name>: <count> ...", and below it one for each group, the address in the kernel's
 // byte order as hexadecimal digits.
-std::string readMemberships(Links &links) {
+std::string readMemberships(Devices &devices) {
   std::ifstream file(MEMBERSHIPS);
   if (!file) {
     return systemError(std::string("cannot read ") + MEMBERSHIPS);
@@ -113,39 +109,34 @@ std::string readMemberships(Links &links) {
     }
     uint32_t group = 0;
     words >> std::hex >> group;
-    if (const auto link = links.find(index); ntohl(group) == ALL_ROUTERS && link != links.end()) {
-      link->second.device.allRouters = true;
+    if (const auto device = devices.find(index); ntohl(group) == ALL_ROUTERS && device != devices.end()) {
+      device->second.allRouters = true;
     }
   }
   return {};
 }
 
-std::string readKernelDevices(std::map<std::string, Device> &devices) {
+std::string readKernelDevices(Devices &devices) {
   KernelDump dump;
-  Links links;
   std::string error = dump.run(
-      RTM_GETLINK, ifinfomsg{}, [&] { links.clear(); },
-      [&](const NetlinkMessage &message) { addLink(message, links); });
+      RTM_GETLINK, ifinfomsg{}, [&] { devices.clear(); },
+      [&](const NetlinkMessage &message) { addLink(message, devices); });
   if (!error.empty()) {
     return "links: " + error;
   }
   ifaddrmsg wanted{};
   wanted.ifa_family = AF_INET;
   const auto withoutAddresses = [&] {
-    for (auto &[index, link] : links) {
-      link.device.addresses.clear();
+    for (auto &[index, device] : devices) {
+      device.addresses.clear();
     }
   };
   error = dump.run(RTM_GETADDR, wanted, withoutAddresses,
-                   [&](const NetlinkMessage &message) { addAddress(message, links); });
+                   [&](const NetlinkMessage &message) { addAddress(message, devices); });
   if (!error.empty()) {
     return "addresses: " + error;
   }
-  error = readMemberships(links);
-  for (auto &[index, link] : links) {
-    devices[link.name] = std::move(link.device);
-  }
-  return error;
+  return readMemberships(devices);
 }
 
 // The label of an address as the kernel has it: at most 15 characters, and the device's name where the cut would lose the colon.
@@ -158,7 +149,7 @@ Device wantedDevice(const Interface &interface) {
   if (interface.state != Interface::UP) {
     return device;
   }
-  device = {true, interface.mac, interface.mtu, true, {}};
+  device = {interface.device, true, interface.mac, interface.mtu, true, {}};
   if (interface.primary) {
     device.addresses.push_back({interface.primary->address, interface.primary->length, interface.device});
   }
@@ -214,7 +205,7 @@ std::string compareInterfaces(const Switch &sw, const Vrf &vrf, Comparison &comp
   if (vrf.id == 0) {
     return {}; // the default VRF's devices are the switch's own: nobody mirrors them
   }
-  std::map<std::string, Device> devices;
+  Devices devices;
   if (std::string error = readKernelDevices(devices); !error.empty()) {
     return error;
   }
@@ -225,7 +216,8 @@ std::string compareInterfaces(const Switch &sw, const Vrf &vrf, Comparison &comp
       continue;
     }
     const bool up = interface.state == Interface::UP;
-    const auto device = devices.find(interface.device);
+    const auto device = std::ranges::find_if(
+        devices, [&name = interface.device](const auto &entry) { return entry.second.name == name; });
     ++comparison.onSwitch;
     comparison.wanted += up ? 1 : 0;
     if (device != devices.end()) {

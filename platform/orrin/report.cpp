@@ -8,11 +8,6 @@ namespace {
 
 constexpr std::string_view HEX = "0123456789abcdef";
 
-void pad(std::string &out, size_t begin, size_t width) {
-  const size_t written = out.size() - begin;
-  out.append(written < width ? width - written : 0, ' ');
-}
-
 } // namespace
 
 void appendJsonText(std::string &out, std::string_view text) {
@@ -49,13 +44,11 @@ void Report::finish() {
 
 void Report::put(std::string_view cell, bool quoted) {
   const Column &column = columns_[column_];
-  const bool last = ++column_ == columns_.size();
+  const bool last = column_ + 1 == columns_.size();
   if (json_) {
-    if (column_ == 1) {
+    if (column_ == 0) {
       out_ += first_ ? "\n{" : ",\n{";
       first_ = false;
-    } else {
-      out_ += ',';
     }
     appendJsonText(out_, column.key);
     out_ += ':';
@@ -64,40 +57,13 @@ void Report::put(std::string_view cell, bool quoted) {
     } else {
       out_ += cell;
     }
-    out_ += last ? "}" : "";
+    out_ += last ? "}" : ",";
   } else {
-    const size_t begin = out_.size();
-    out_ += cell.empty() ? std::string_view("-") : cell;
-    if (last) {
-      out_ += '\n';
-    } else {
-      pad(out_, begin, column.width);
-      out_ += ' ';
-    }
+    cell = cell.empty() ? "-" : cell;
+    out_ += cell;
+    out_.append(last || cell.size() >= column.width ? 0 : column.width - cell.size(), ' ') += last ? '\n' : ' ';
   }
-  if (last) {
-    column_ = 0;
-  }
-}
-
-void Report::text(std::string_view cell) {
-  put(cell, true);
-}
-
-void Report::number(uint64_t cell) {
-  put(std::to_string(cell), false);
-}
-
-void Report::signedNumber(int64_t cell) {
-  put(std::to_string(cell), false);
-}
-
-void Report::yesNo(bool cell) {
-  put(json_ ? (cell ? "true" : "false") : (cell ? "yes" : "no"), false);
-}
-
-void Report::custom(std::string_view table, std::string_view json) {
-  put(json_ ? json : table, false);
+  column_ = last ? 0 : column_ + 1;
 }
 
 } // namespace orrin

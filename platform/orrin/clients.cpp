@@ -93,7 +93,7 @@ void takeOver(Switch &sw, Client &client, Client *before) {
 void limitLegacies(Switch &sw) {
   const auto isLegacy = [](const auto &entry) { return !entry.second.registered; };
   const auto legacies = std::count_if(sw.clients.begin(), sw.clients.end(), isLegacy);
-  if (!sw.restoring && legacies > static_cast<ptrdiff_t>(CLIENTS_MAX)) {
+  if (legacies > static_cast<ptrdiff_t>(CLIENTS_MAX)) {
     sw.clients.erase(std::find_if(sw.clients.begin(), sw.clients.end(), isLegacy));
   }
 }

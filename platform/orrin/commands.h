@@ -30,10 +30,6 @@ bool showCommand(Switch &sw, Words &words, std::string &out);
 
 // config.cpp
 bool dumpCommand(Switch &sw, Words &words, std::string &out);
-// The configuration as commands, of one VRF or of all (null); for the state folder with what is under way.
-void appendConfig(Switch &sw, const Vrf *only, bool forFolder, std::string &out);
-// What the state folder keeps: the configuration, what agents reported, and the registrations.
-bool writeState(Switch &sw, std::string &error);
 
 // The tables of commands_*.cpp.
 std::span<const Command> switchCommands();

@@ -72,45 +72,12 @@ bool clientWalked(Switch &sw, Words &words, std::string &out) {
   return true;
 }
 
-bool clientWithdrawn(Switch &sw, Words &words, std::string &out) {
-  Client *client = nullptr;
-  Prefix prefix;
-  if (!takeRestoredClient(sw, words, client, out) || !takePrefix(words, prefix, out) || !takeEnd(words, out)) {
-    return false;
-  }
-  client->changes.note(prefix, ChangeQueue::DELETE);
-  return true;
-}
-
-bool clientEvent(Switch &sw, Words &words, std::string &out) {
-  Client *client = nullptr;
-  RppiEventMsg event{};
-  if (!takeRestoredClient(sw, words, client, out)) {
-    return false;
-  }
-  const std::string_view word = words.take();
-  if (!parseEventWord(word, event)) {
-    return refuse(out, notTheWord(word, "an event"));
-  }
-  event.eventSeq = sw.nextEventSequence++; // that of the orrin before may not be acknowledged by mistake
-  client->events.push_back(event);
-  client->hadEvents = true;
-  return takeEnd(words, out);
-}
-
-bool clientNext(Switch &sw, Words &words, std::string &out) {
-  return onlyRestoring(sw, out) && takeNumber(words, "client", sw.nextClientId, out) && takeEnd(words, out);
-}
-
 constexpr Command COMMANDS[] = {
     {"client drop", clientDrop, false}, // writes the journal itself
     {"client best-route", clientBestRoute, false},
     {"client router-event", clientRouterEvent, false},
     {"client settled", clientSettled, false},
     {"client walked", clientWalked, false},
-    {"client withdrawn", clientWithdrawn, false},
-    {"client event", clientEvent, false},
-    {"client next", clientNext, false},
 };
 
 } // namespace

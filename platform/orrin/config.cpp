@@ -1,4 +1,4 @@
-// The switch's configuration printed as commands: for `dump`, and for the state folder. Used by orrin's one thread.
+// The switch's configuration and the agents' reports printed as commands, for `dump`. Used by orrin's one thread.
 
 #include "arp.h"
 #include "clients.h"
@@ -21,26 +21,16 @@ void appendGateway(std::string_view port, const std::optional<uint32_t> &address
   }
 }
 
-bool hasInterfaceNotDown(const Switch &sw, const Vrf &vrf) {
-  return std::ranges::any_of(sw.interfaces, [&vrf](const auto &entry) {
-    return entry.second.vrf == vrf.id && entry.second.state != Interface::DOWN;
-  });
-}
-
-void appendRouting(const Vrf &vrf, bool on, std::string &out) {
-  appendNumber(out += "vrf set ", vrf.id);
-  out += on ? " routing on\n" : " routing off\n";
-}
-
-void appendVrf(const Vrf &vrf, bool routing, std::string &out) {
+void appendVrf(const Vrf &vrf, std::string &out) {
   appendNumber(out += "vrf add ", vrf.id);
   out.append(1, ' ').append(vrf.name).append(" interface ").append(vrf.interfaceName);
   if (!vrf.netns.empty()) {
     out.append(" netns ").append(vrf.netns);
   }
   out += '\n';
-  if (routing) {
-    appendRouting(vrf, true, out);
+  if (vrf.routing) {
+    appendNumber(out += "vrf set ", vrf.id);
+    out += " routing on\n";
   }
   const Vrf fresh;
   if (vrf.icmpBurst != fresh.icmpBurst || vrf.icmpInterval != fresh.icmpInterval) {
@@ -116,41 +106,8 @@ void appendInterface(const Interface &interface, std::string &out) {
   appendAddresses(interface, out);
 }
 
-// Behind the clients, whose events it makes: what was under way goes its way once more.
-void appendUnfinished(const Interface &interface, std::string &out) {
-  if (interface.state == Interface::DOWN_PENDING) {
-    appendSwitchCommand("interface disable ", interface.number, out);
-  }
-  if (interface.wanted && (interface.state == Interface::UP_PENDING || interface.state == Interface::DOWN_PENDING)) {
-    appendSwitchCommand("interface enable ", interface.number, out);
-  }
-}
-
-void appendClient(const Client &client, std::string &out) {
-  out.append(clientLine(client)).append(1, '\n');
-  if (client.walked) {
-    appendNumber(out += "client walked ", client.id);
-    out += '\n';
-  }
-  const auto withdrawn = client.changes.withdrawn();
-  for (auto place = withdrawn.first(); const auto *entry = withdrawn.at(place); place = withdrawn.next(place)) {
-    appendNumber(out += "client withdrawn ", client.id);
-    appendPrefix(out += ' ', entry->prefix());
-    out += '\n';
-  }
-  for (const RppiEventMsg &event : client.events) {
-    appendNumber(out += "client event ", client.id);
-    out.append(1, ' ').append(eventWord(event)).append(1, '\n');
-  }
-  if (!client.registered) {
-    appendNumber(out += "client drop ", client.id);
-    out += '\n';
-  }
-}
-
-} // namespace
-
-void appendConfig(Switch &sw, const Vrf *only, bool forFolder, std::string &out) {
+// Of one VRF or of all (null).
+void appendConfig(Switch &sw, const Vrf *only, std::string &out) {
   const auto wanted = [only](uint32_t vrf) { return only == nullptr || only->id == vrf; };
   if (only == nullptr) {
     if (!sw.systemReady) {
@@ -164,14 +121,13 @@ void appendConfig(Switch &sw, const Vrf *only, bool forFolder, std::string &out)
   appendGateway("network-port", sw.gateways.networkPort, out);
   for (const auto &[id, vrf] : sw.vrfs) {
     if (wanted(id)) {
-      // For the state folder, interfaces that are still going down come up with it first.
-      appendVrf(vrf, vrf.routing || (forFolder && hasInterfaceNotDown(sw, vrf)), out);
+      appendVrf(vrf, out);
     }
   }
   for (const auto &[number, interface] : sw.interfaces) {
     if (wanted(interface.vrf)) {
       appendInterface(interface, out);
-      if (interface.wanted || (forFolder && interface.state == Interface::DOWN_PENDING)) {
+      if (interface.wanted) {
         appendSwitchCommand("interface enable ", number, out);
       }
       if (interface.hostMode) {
@@ -187,8 +143,6 @@ void appendConfig(Switch &sw, const Vrf *only, bool forFolder, std::string &out)
     }
   }
 }
-
-namespace {
 
 void appendReported(Switch &sw, const Vrf *only, std::string &out) {
   for (const auto &[id, vrf] : sw.vrfs) {
@@ -210,30 +164,9 @@ bool dumpCommand(Switch &sw, Words &words, std::string &out) {
   if (reported) {
     appendReported(sw, only, out);
   } else {
-    appendConfig(sw, only, false, out);
+    appendConfig(sw, only, out);
   }
   return true;
-}
-
-bool writeState(Switch &sw, std::string &error) {
-  std::string text;
-  appendConfig(sw, nullptr, true, text);
-  appendReported(sw, nullptr, text);
-  for (const auto &[id, client] : sw.clients) {
-    appendClient(client, text);
-    sw.page.beat();
-  }
-  appendNumber(text += "client next ", sw.nextClientId);
-  text += '\n';
-  for (const auto &[id, vrf] : sw.vrfs) {
-    if (!vrf.routing && hasInterfaceNotDown(sw, vrf)) {
-      appendRouting(vrf, false, text);
-    }
-  }
-  for (const auto &[number, interface] : sw.interfaces) {
-    appendUnfinished(interface, text);
-  }
-  return sw.journal.rewrite(text, error);
 }
 
 } // namespace orrin

@@ -1,6 +1,6 @@
 // Keeping accepted commands on file. Used by orrin's one thread. A line is written before its command is answered, so that a
-// killed orrin has lost nothing that it accepted; nothing is synced to the disk, a crash of the machine is not its matter.
-// Where the disk takes no more, lines wait for the next flush, and when they become many, for a rewrite of the whole state.
+// killed orrin has lost nothing that it accepted; nothing is synced to the disk, so a crash of the machine may lose lines.
+// When the disk is full, lines wait for the next flush.
 
 #include "journal.h"
 
@@ -15,8 +15,7 @@ namespace orrin {
 
 namespace {
 
-constexpr std::string_view GENERATION = "# generation ";
-constexpr std::string_view NAMES[2] = {"config", "journal"};
+constexpr std::string_view START = "# start";
 constexpr mode_t FOLDER_MODE = 0700;
 constexpr mode_t FILE_MODE = 0600;
 
@@ -26,40 +25,30 @@ bool failed(std::string &error, const std::string &what) {
   return false;
 }
 
-bool writeAll(int fd, std::string_view text) {
+bool writeAll(int fd, std::string_view text, uint64_t place) {
   while (!text.empty()) {
-    const ssize_t written = write(fd, text.data(), text.size());
+    const ssize_t written = pwrite(fd, text.data(), text.size(), static_cast<off_t>(place));
     if (written < 0 && errno != EINTR) {
       return false;
     }
-    text.remove_prefix(written > 0 ? static_cast<size_t>(written) : 0);
+    const size_t count = written > 0 ? static_cast<size_t>(written) : 0;
+    text.remove_prefix(count);
+    place += count;
   }
   return true;
 }
 
-// False, with errno, when the file cannot be read; a missing one is empty.
-bool readFile(const std::string &path, std::string &text) {
-  text.clear();
-  const UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-  if (!fd) {
-    return errno == ENOENT;
-  }
-  struct stat status {};
-  if (fstat(fd.get(), &status) != 0) {
-    return false;
-  }
-  text.resize(static_cast<size_t>(status.st_size));
-  size_t filled = 0;
-  while (filled < text.size()) {
-    const ssize_t count = read(fd.get(), text.data() + filled, text.size() - filled);
-    if (count < 0 && errno == EINTR) {
-      continue;
+// False, with errno, when the file cannot be read.
+bool readAll(int fd, std::string &text) {
+  constexpr size_t STEP = 1 << 20;
+  for (ssize_t count = 1; count != 0;) {
+    const size_t filled = text.size();
+    text.resize(filled + STEP);
+    count = read(fd, text.data() + filled, STEP);
+    text.resize(filled + static_cast<size_t>(count > 0 ? count : 0));
+    if (count < 0 && errno != EINTR) {
+      return false;
     }
-    if (count <= 0) {
-      text.resize(filled);
-      return count == 0;
-    }
-    filled += static_cast<size_t>(count);
   }
   return true;
 }
@@ -76,145 +65,68 @@ bool makeFolders(const std::string &path) {
   }
 }
 
-std::string header(uint64_t generation) {
-  return std::string(GENERATION) + std::to_string(generation) + "\n";
-}
-
-uint64_t generationOf(std::string_view text) {
-  return text.starts_with(GENERATION) ? std::strtoull(text.data() + GENERATION.size(), nullptr, 10) : 0;
-}
-
 } // namespace
-
-std::string Journal::path(std::string_view name) const {
-  return std::string(folder_).append(1, '/').append(name);
-}
 
 bool Journal::open(const std::string &folder, std::string &error) {
   if (!makeFolders(folder)) {
     return failed(error, folder);
   }
   folder_ = folder;
-  UniqueFd lock(::open(path("lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, FILE_MODE));
-  if (!lock) {
-    return failed(error, path("lock"));
+  path_ = folder + "/commands";
+  file_.reset(::open(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, FILE_MODE));
+  if (!file_) {
+    return failed(error, path_);
   }
-  if (flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
+  if (flock(file_.get(), LOCK_EX | LOCK_NB) != 0) {
     return failed(error, folder + " is another orrin's");
   }
-  lock_ = std::move(lock);
-  return load(error);
+  if (!readAll(file_.get(), loaded_)) {
+    return failed(error, path_);
+  }
+  // A last line without its end was cut off while it was written, and was never answered.
+  loaded_.resize(loaded_.rfind('\n') + 1);
+  bytes_ = loaded_.size();
+  for (size_t at = 0; (at = loaded_.find(START, at)) != std::string::npos; ++at) {
+    ++starts_;
+  }
+  return ftruncate(file_.get(), static_cast<off_t>(bytes_)) == 0 || failed(error, path_);
 }
 
-bool Journal::load(std::string &error) {
-  for (int index = 0; index < 2; ++index) {
-    if (!readFile(path(NAMES[index]), loaded_[index])) {
-      return failed(error, path(NAMES[index]));
-    }
-  }
-  generation_ = generationOf(loaded_[0]);
-  if (generationOf(loaded_[1]) != generation_) {
-    loaded_[1].clear();
-  }
-  hadState_ = !loaded_[0].empty() || !loaded_[1].empty();
-  return true;
-}
-
-bool Journal::setAside(std::string &error) const {
-  for (const std::string_view name : NAMES) {
-    const std::string kept = path(name) + ".refused";
-    unlink(kept.c_str());
-    if (link(path(name).c_str(), kept.c_str()) != 0 && errno != ENOENT) {
-      return failed(error, kept);
-    }
-  }
-  return true;
-}
-
-bool Journal::replay(const Apply &apply, std::string &complaint) {
+std::string Journal::replay(const Apply &apply) {
+  const std::string text = std::move(loaded_);
+  std::string complaint;
   size_t refused = 0;
-  for (int index = 0; index < 2; ++index) {
-    size_t number = 0;
-    const std::string text = std::move(loaded_[index]);
-    std::string_view rest = text;
-    // A last line without its end is one that was cut off while it was written, and was never answered.
-    for (size_t end = rest.find('\n'); end != std::string_view::npos; end = rest.find('\n')) {
-      ++number;
-      std::string reason;
-      if (!apply(rest.substr(0, end), reason) && ++refused == 1) {
-        complaint = path(NAMES[index]) + ":" + std::to_string(number) + ": " + reason;
-      }
-      rest.remove_prefix(end + 1);
+  size_t number = 0;
+  for (size_t begin = 0, end = 0; (end = text.find('\n', begin)) != std::string::npos; begin = end + 1) {
+    ++number;
+    std::string reason;
+    if (!apply(std::string_view(text).substr(begin, end - begin), reason) && ++refused == 1) {
+      complaint = path_ + ":" + std::to_string(number) + ": " + reason;
     }
   }
-  if (refused == 0) {
-    return true;
-  }
-  complaint += "; left out, with " + std::to_string(refused - 1) + " more lines; the files are kept as *.refused";
-  return setAside(complaint);
-}
-
-UniqueFd Journal::writeNew(const std::string &name, std::string_view text, uint64_t generation,
-                           std::string &error) const {
-  const std::string fresh = path(name) + ".new";
-  UniqueFd fd(::open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, FILE_MODE));
-  if (!fd || !writeAll(fd.get(), header(generation)) || !writeAll(fd.get(), text)) {
-    failed(error, fresh);
-    fd.reset();
-    unlink(fresh.c_str()); // it may be what fills the disk
-  }
-  return fd;
-}
-
-bool Journal::moveInPlace(const std::string &name, std::string &error) const {
-  const std::string target = path(name);
-  return rename((target + ".new").c_str(), target.c_str()) == 0 || failed(error, target);
-}
-
-bool Journal::rewrite(std::string_view lines, std::string &error) {
-  const uint64_t next = generation_ + 1;
-  UniqueFd file = writeNew("journal", {}, next, error);
-  const bool written = file && writeNew("config", lines, next, error);
-  if (!written || !moveInPlace("config", error)) {
-    return false;
-  }
-  // From here on the journal in place belongs to the config before, and a start would pass over what is added to it.
-  generation_ = next;
-  broken_ = !moveInPlace("journal", error);
-  pending_.clear();
-  if (broken_) {
-    trouble_ = error;
-    return false;
-  }
-  trouble_.clear();
-  file_ = std::move(file);
-  configBytes_ = lines.size();
-  journalBytes_ = header(next).size();
-  return true;
+  replayed_ = true;
+  append(START);
+  return refused == 0 ? complaint : complaint + "; left out, with " + std::to_string(refused - 1) + " more lines";
 }
 
 void Journal::append(std::string_view line) {
-  if (file_) {
+  if (replayed_) {
     pending_.append(line).append(1, '\n');
     ++appended_;
   }
 }
 
 bool Journal::flush() {
-  if (broken_ || pending_.empty()) {
-    pending_.clear();
-    return !broken_;
-  }
-  if (writeAll(file_.get(), pending_)) {
-    journalBytes_ += pending_.size();
-    pending_.clear();
-    trouble_.clear();
+  if (pending_.empty()) {
     return true;
   }
-  failed(trouble_, path("journal"));
-  // A line that was cut off must not be the beginning of the next.
-  broken_ = ftruncate(file_.get(), static_cast<off_t>(journalBytes_)) != 0 || pending_.size() > PENDING_MAX;
-  return false;
+  if (!writeAll(file_.get(), pending_, bytes_)) {
+    return failed(trouble_, path_); // the next attempt writes over what was cut off
+  }
+  bytes_ += pending_.size();
+  pending_.clear();
+  trouble_.clear();
+  return true;
 }
 
 } // namespace orrin

@@ -26,7 +26,6 @@ using namespace orrin;
 
 constexpr const char *DEFAULT_STATE = "/var/lib/orrin";
 constexpr uint64_t BEAT_MS = 200;
-constexpr uint64_t REWRITE_RETRY_MS = 5000;
 constexpr int BAD_USAGE = 2;
 
 struct Options {
@@ -98,11 +97,8 @@ bool configure(Switch &sw, const Options &options) {
     sw.page.beat();
     return runCommand(sw, line, why);
   };
-  if (!sw.journal.replay(apply, error)) {
-    return fail(error);
-  }
-  if (!error.empty()) {
-    fail(error);
+  if (const std::string refused = sw.journal.replay(apply); !refused.empty()) {
+    fail(refused);
   }
   sw.restoring = false;
   for (const auto &[id, vrf] : sw.vrfs) {
@@ -110,7 +106,7 @@ bool configure(Switch &sw, const Options &options) {
       return fail(error);
     }
   }
-  if (!options.script.empty() && sw.journal.hadState()) {
+  if (!options.script.empty() && sw.journal.starts() != 0) {
     std::fprintf(stderr, "orrin: %s holds state, %s is not run\n", options.state.c_str(), options.script.c_str());
   } else if (!options.script.empty() && !runScript(sw, options.script, error)) {
     return fail(error);
@@ -121,8 +117,7 @@ bool configure(Switch &sw, const Options &options) {
 // Behind the listeners: a client that is told of events asks back at once, and a refused question is a lost one.
 bool resume(Switch &sw) {
   resumeClients(sw);
-  std::string error;
-  return writeState(sw, error) || fail(error);
+  return sw.journal.flush() || fail(sw.journal.trouble());
 }
 
 UniqueFd openSignals(Switch &sw) {
@@ -177,18 +172,6 @@ private:
     endAckWaits(sw_);
     flushDueOutboxes(sw_);
     sw_.journal.flush();
-    if (sw_.journal.wantsRewrite() && now >= rewriteDueMs_) {
-      rewriteState(now);
-    }
-  }
-
-  void rewriteState(uint64_t now) {
-    std::string error;
-    rewriteDueMs_ = writeState(sw_, error) ? now : now + REWRITE_RETRY_MS;
-    if (!error.empty() && error != complaint_) {
-      fail(error);
-    }
-    complaint_ = error;
   }
 
   void dispatch(const Poller::Event &event) {
@@ -246,8 +229,6 @@ private:
   ApiServer &api_;
   ControlServer &control_;
   uint64_t beatDueMs_ = 0;
-  uint64_t rewriteDueMs_ = 0;
-  std::string complaint_; // why the last rewrite failed
   bool ended_ = false;
 };
 

@@ -6,7 +6,6 @@
 #include "tarnapi.h"
 
 #include <algorithm>
-#include <cstring>
 
 namespace orrin {
 
@@ -80,7 +79,7 @@ void startOver(Switch &sw, Client &client) {
 uint32_t firstEventSequence(const Switch &sw) {
   constexpr uint64_t STARTS = 2048; // and then over again
   constexpr uint32_t EVENTS = 1 << 20;
-  return static_cast<uint32_t>(sw.journal.generation() % STARTS) * EVENTS + 1;
+  return static_cast<uint32_t>(sw.journal.starts() % STARTS) * EVENTS + 1;
 }
 
 uint32_t sendRouterEvent(Switch &sw, uint32_t vrf, RppiEventMsg event) {
@@ -161,34 +160,6 @@ const char *eventName(uint16_t type) {
     }
   }
   return "other";
-}
-
-std::string eventWord(const RppiEventMsg &event) {
-  constexpr std::string_view HEX = "0123456789abcdef";
-  const std::string_view bytes(reinterpret_cast<const char *>(&event), sizeof event);
-  std::string word;
-  for (const char each : bytes.substr(0, bytes.find_last_not_of('\0') + 1)) {
-    const auto byte = static_cast<unsigned char>(each);
-    word.append(1, HEX[byte >> 4]).append(1, HEX[byte & 15]);
-  }
-  return word;
-}
-
-bool parseEventWord(std::string_view word, RppiEventMsg &event) {
-  unsigned char bytes[sizeof event] = {};
-  if (word.empty() || word.size() % 2 != 0 || word.size() > 2 * sizeof bytes) {
-    return false;
-  }
-  for (size_t index = 0; index < word.size(); ++index) {
-    const char digit = word[index];
-    const int value = digit >= '0' && digit <= '9' ? digit - '0' : digit >= 'a' && digit <= 'f' ? digit - 'a' + 10 : -1;
-    if (value < 0) {
-      return false;
-    }
-    bytes[index / 2] = static_cast<unsigned char>(bytes[index / 2] << 4 | value);
-  }
-  std::memcpy(&event, bytes, sizeof event);
-  return true;
 }
 
 } // namespace orrin

@@ -35,8 +35,4 @@ void deliverEvents(Switch &sw, Client &client);
 
 const char *eventName(uint16_t type);
 
-// An event of a client as one word for the state folder, and back; false when the word is none.
-std::string eventWord(const RppiEventMsg &event);
-bool parseEventWord(std::string_view word, RppiEventMsg &event);
-
 } // namespace orrin

@@ -204,7 +204,7 @@ TEST_F(SwitchArp, AnOrrinStartedAnewKnowsBothKinds) {
   EXPECT_NE(orrin.run("dump").find("arp learn vrf 3 10.1.0.9 mac 02:00:00:00:00:09 interface 11\n"), std::string::npos);
   EXPECT_EQ(orrin.run("dump").find("10.1.0.5"), std::string::npos) << "a kernel entry is not configured";
   ArpSocket socket("/tmp/mirel-03");
-  for (int start = 0; start < 2; ++start) { // from the journal, then from the configuration
+  for (int start = 0; start < 2; ++start) { // the second also reads what the first added
     orrin.end(SIGKILL);
     orrin.start();
     EXPECT_EQ(orrin.run("show arp json"), known);

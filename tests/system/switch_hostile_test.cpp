@@ -177,7 +177,7 @@ TEST_F(SwitchHostile, ADumpMakesTheSameSwitch) {
   const std::string dump = orrin.run("dump");
   orrin.end(SIGKILL);
   orrin.start();
-  EXPECT_EQ(orrin.run("dump"), dump) << "from journal and config";
+  EXPECT_EQ(orrin.run("dump"), dump) << "from the state folder";
   orrin.end(SIGKILL);
   const std::string script = orrin.folder() + "/script";
   std::ofstream(script) << dump;
@@ -196,7 +196,7 @@ TEST_F(SwitchHostile, ABadStartEndsWithFileAndLine) {
   EXPECT_NE(complaint.find(script + ":4: "), std::string::npos) << complaint;
   EXPECT_EQ(WEXITSTATUS(orrin.startFailing({"--script", "/no/such/file"}, complaint)), 1);
   EXPECT_EQ(WEXITSTATUS(orrin.startFailing({"--colour"}, complaint)), 2);
-  std::ofstream(orrin.folder() + "/state/config") << "# generation 9\nvrf add x y\nvrf add 5 red\n";
+  std::ofstream(orrin.folder() + "/state/commands") << "vrf add x y\nvrf add 5 red\n";
   orrin.start();
   EXPECT_NE(orrin.run("dump").find("vrf add 5 red"), std::string::npos) << "kept lines are taken one by one";
 }

@@ -202,7 +202,7 @@ TEST_F(SwitchKernelRoute, AnOrrinStartedAnewKnowsThem) {
   orrin.run("route del vrf 3 10.1.0.0/16"); // the kernel's is left
   const std::string known = orrin.run("show routes json");
   const std::string configured = orrin.run("dump");
-  for (int start = 0; start < 2; ++start) { // from the journal, then from the configuration
+  for (int start = 0; start < 2; ++start) { // the second also reads what the first added
     orrin.end(SIGKILL);
     orrin.start();
     EXPECT_EQ(orrin.run("show routes json"), known);

@@ -39,27 +39,10 @@ TEST_F(SwitchState, TheRestartFlagOfALivingAgentIsLeftAlone) {
 
 TEST_F(SwitchState, StartTimesOfProcessesGrowBeyond32Bits) {
   orrin.end(SIGKILL);
-  std::ofstream(stateFolder() + "/journal", std::ios::app)
+  std::ofstream(stateFolder() + "/commands", std::ios::app)
       << "client best-route 9 vrf 3 pid 1 started 18446744073709551615 name far\n";
   orrin.start();
   EXPECT_NE(orrin.run("show clients json").find("\"gone\""), std::string::npos) << "another process has the pid";
-}
-
-// Comments are on file like all that was said, so that few lines make it long.
-TEST_F(SwitchState, ALongJournalIsWrittenAnewAndShort) {
-  const std::string comment = " #" + std::string(60000, '#');
-  const auto journalBytes = [&] { return std::filesystem::file_size(stateFolder() + "/journal"); };
-  uintmax_t longest = 0;
-  int mtu = 1000;
-  for (; journalBytes() >= longest && mtu < 2000; ++mtu) {
-    longest = journalBytes();
-    orrin.run("interface set 11 mtu " + std::to_string(mtu) + comment);
-  }
-  EXPECT_GT(longest, 15u << 20);
-  EXPECT_LT(journalBytes(), 1u << 20);
-  const std::string before = orrin.run("dump");
-  startAnew();
-  EXPECT_EQ(orrin.run("dump"), before);
 }
 
 // A state folder on a disk of its own, which the test fills.

@@ -79,8 +79,6 @@ constexpr Row COMMANDS[] = {
     {"client best-route 7 vrf 3 pid 4194303 process 4 started 1 name other", 9},
     {"client settled 1", 3},
     {"client walked 2", 3},
-    {"client withdrawn 1 10.2.0.0/16", 4},
-    {"client next 9", 3},
     {"client drop 1", 3},
 };
 

@@ -143,6 +143,12 @@ struct RouteFields6 {
   bool unanswered = false; // the switch did not say which interface it is
 };
 
+// A switch may also answer so for a device that is not its own.
+bool rpcFailureSeen() {
+  const ApiLock lock;
+  return rpcclt_rpc_failure_occured() == 1;
+}
+
 RouteFields6 fields6Read(const rtmsg &header, NetlinkBytes attributes) {
   RouteFields6 fields;
   for (const NetlinkAttr &attr : netlinkAttrs(attributes)) {
@@ -156,7 +162,7 @@ RouteFields6 fields6Read(const rtmsg &header, NetlinkBytes attributes) {
     case RTA_OIF:
       if (dataRead(attr, ifIndex)) {
         const int32_t result = apiCall(rpcclt_tarnapiStackIfIndexIntIfNumGet, ifIndex, &fields.intIfNum);
-        fields.unanswered = result == TARN_FAILURE;
+        fields.unanswered = result == TARN_FAILURE && rpcFailureSeen();
       }
       break;
     case RTA_GATEWAY:

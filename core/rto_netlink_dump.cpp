@@ -18,7 +18,7 @@ std::atomic<uint32_t> rtoListenerPort = 0;
 namespace {
 
 constexpr uint32_t INTERVAL_MSEC_MIN = 1000;
-constexpr uint32_t INTERVAL_MSEC_MAX = 4000;
+constexpr uint32_t INTERVAL_MSEC_MAX = 2000;
 constexpr uint32_t ROOM_MSEC_MAX = 64;
 
 // The most that the kernel puts into a datagram. It ends the table, as if it were complete, at a route that is too long for

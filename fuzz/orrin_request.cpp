@@ -18,7 +18,7 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const size_t length = sizeof request + std::min<size_t>(request.sequence & 0xFF, size - sizeof request);
     const std::string tail(reinterpret_cast<const char *>(data) + sizeof request, length - sizeof request);
     orrin::Answer answer;
-    orrin::answerRequest(sw, request, {static_cast<uint32_t>(getpid()), tail}, answer);
+    orrin::answerRequest(sw, request, {1, static_cast<uint32_t>(getpid()), tail}, answer);
     if (sizeof answer.reply + answer.tail.size() > tarnwire::REPLY_MAX) {
       __builtin_trap();
     }

@@ -1,10 +1,8 @@
 // Tasks and time.
 
-#include "library_thread.h"
 #include "osapi.h"
 
 #include <cerrno>
-#include <csignal>
 #include <ctime>
 #include <memory>
 #include <new>
@@ -41,21 +39,6 @@ timespec sinceBoot() {
 }
 
 } // namespace
-
-int libraryThreadStart(const char *name, void *(*entry)(void *arg), void *arg) {
-  sigset_t all;
-  sigset_t callers;
-  sigfillset(&all);
-  pthread_sigmask(SIG_SETMASK, &all, &callers);
-  pthread_t thread;
-  const int error = pthread_create(&thread, nullptr, entry, arg);
-  pthread_sigmask(SIG_SETMASK, &callers, nullptr);
-  if (error == 0) {
-    pthread_setname_np(thread, name);
-    pthread_detach(thread);
-  }
-  return error;
-}
 
 extern "C" uint64_t osapiTaskCreate(const char *name, void *(*entry)(void *arg), uint32_t, void *arg, uint32_t,
                                     uint32_t, uint32_t) {

@@ -23,14 +23,12 @@ constexpr uint64_t mix(uint64_t value) {
   return value ^ (value >> 33);
 }
 
-uint64_t hashOf(const RtoKnownRoute &record) {
-  const uint64_t family = record.flags & RTO_KNOWN_IPV6;
-  return mix(mix(mix(record.key[0]) + record.key[1]) + (uint64_t{record.prefixLen} << 8) + family);
-}
-
-// The slot that a hash starts its search at: the hash as a fraction of the capacity, which need not be a power of two.
+// The slot that a record's search starts at, a fraction of the capacity, which need not be a power of two. Every capacity has
+// an order of its own: a table of which the first slots were emptied would else crowd its records into the last.
 size_t homeOf(const RtoKnownRoute &record, size_t capacity) {
-  return static_cast<size_t>((static_cast<unsigned __int128>(hashOf(record)) * capacity) >> 64);
+  const uint64_t rest = uint64_t{record.prefixLen} << 48 | static_cast<uint64_t>(record.flags & RTO_KNOWN_IPV6) << 56;
+  const uint64_t hash = mix(mix(record.key[0] + capacity) + (record.key[1] ^ rest));
+  return static_cast<size_t>((static_cast<unsigned __int128>(hash) * capacity) >> 64);
 }
 
 uint8_t kindOf(uint32_t flags) {

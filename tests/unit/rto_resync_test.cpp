@@ -227,6 +227,29 @@ TEST(RtoKnownTable, HoldsWhatAMapHolds) {
   table.removeAll();
 }
 
+// A resync withdraws from the first slot on. What is left must not crowd in the last slots, where each search walks far.
+TEST(RtoKnownTable, StaysSpreadWhileTheFirstSlotsAreEmptied) {
+  RtoKnownTable table;
+  for (uint64_t i = 0; i < 20000; ++i) {
+    ASSERT_TRUE(
+        table.place({.key = {0, i << 8}, .gateway = 0, .intIfNum = 1, .prefixLen = 24, .flags = RTO_KNOWN_USED}));
+  }
+  for (size_t slot = 0; table.size() > 5000; slot = slot < table.capacity() ? slot : 0) {
+    if (table.at(slot).flags != 0) {
+      table.erase(&table.at(slot));
+    } else {
+      ++slot;
+    }
+  }
+  size_t run = 0, longest = 0;
+  for (size_t slot = 0; slot < table.capacity(); ++slot) {
+    run = table.at(slot).flags != 0 ? run + 1 : 0;
+    longest = std::max(longest, run);
+  }
+  EXPECT_LT(longest, table.size() / 5);
+  table.removeAll();
+}
+
 // ---- the dump, in front of the kernel
 
 class RtoDumpTest : public RtoTest {

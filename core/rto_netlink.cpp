@@ -95,16 +95,16 @@ ssize_t timedReceive(RtoNetlinkHandle *handle, msghdr *message, uint32_t msec) {
 }
 
 // As recvmsg(). The dump goes on only when there is no notification to read: after a loss the kernel also drops further
-// notifications, without a new error, until the socket's queue is empty.
-ssize_t datagramReceive(RtoNetlinkHandle *handle, RtoDump &dump, msghdr *message) {
+// notifications, without a new error, until the socket's queue is empty. `stepped` says whether it went on the last time.
+ssize_t datagramReceive(RtoNetlinkHandle *handle, RtoDump &dump, bool &stepped, msghdr *message) {
   for (;;) {
-    const bool ready = dump.ready();
     const ssize_t received =
-        ready ? recvmsg(handle->fd, message, MSG_DONTWAIT) : timedReceive(handle, message, dump.waitMsec());
+        stepped ? recvmsg(handle->fd, message, MSG_DONTWAIT) : timedReceive(handle, message, dump.waitMsec());
     if (received >= 0 || errno != EAGAIN) {
       return received;
     }
-    if (ready) {
+    stepped = dump.ready();
+    if (stepped) {
       dump.step();
     }
   }
@@ -172,6 +172,7 @@ int rtoNetlinkListen(RtoNetlinkHandle *handle, RtoMessageHandler handler) {
   constexpr const char *OPERATION = "rtoNetlinkListen";
   const RtoCallTrace call(OPERATION);
   RtoDump dump(handle);
+  bool stepped = false;
   for (;;) {
     sockaddr_nl sender{};
     iovec bytes{.iov_base = receiveBuffer.data(), .iov_len = receiveBuffer.size()};
@@ -180,7 +181,7 @@ int rtoNetlinkListen(RtoNetlinkHandle *handle, RtoMessageHandler handler) {
     message.msg_namelen = sizeof sender;
     message.msg_iov = &bytes;
     message.msg_iovlen = 1;
-    const ssize_t received = datagramReceive(handle, dump, &message);
+    const ssize_t received = datagramReceive(handle, dump, stepped, &message);
     const int error = errno;
     MIREL_TRACE(TRACE_RTO_DETAIL, OPERATION, " rx message status %d \n", static_cast<int>(received));
     if (received < 0) {

@@ -8,8 +8,8 @@
 // One listener's dumps, one after the other. A dump begins when a resync was requested, at most once in an interval that
 // grows while requests do not end. Its routes, its begin and its end go to the task through the queue.
 //
-// A part of a dump may be older than the notifications that were read before it. The task therefore takes a notification's
-// word against the dump's; and a notification that arrives later is newer.
+// A part of a dump may be older than the notifications that were read before it. For a route notified since the dump began,
+// the task therefore ignores the dump; a newer state still has a notification on its way.
 class RtoDump {
 public:
   explicit RtoDump(RtoNetlinkHandle *handle) : handle_(handle) {}

@@ -243,11 +243,11 @@ template <typename Route> void dumpedCompare(const RouteAction<Route> &addition,
   RtoKnownRoute *known = rtoKnownRoutes.find(now);
   const bool same = known != nullptr && known->sameContent(now);
   if (known != nullptr) {
-    if (known->is(RTO_KNOWN_SEEN) || (same && !known->is(RTO_KNOWN_PENDING))) {
-      known->set(RTO_KNOWN_SEEN);
+    const bool settled = known->is(RTO_KNOWN_SEEN) || (same && !known->is(RTO_KNOWN_PENDING));
+    known->set(RTO_KNOWN_SEEN);
+    if (settled) {
       return;
     }
-    known->set(RTO_KNOWN_SEEN);
   }
   if (resync.unanswered) {
     return;
